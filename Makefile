@@ -1,0 +1,61 @@
+# corvalin: the front door.
+#
+#   make            build everything (emulated kernel, driver, library, tools)
+#   make test       install what is missing, build with ASan+UBSan, run all tests
+#   make tsan       ThreadSanitizer build of the concurrency suites, and run them
+#   make demo       the tour: load the emulated module and drive it
+#   make module KDIR=/path/to/linux-2.6.27   build corvalin.ko for a real kernel
+#   make vmtest     boot a real 2.6.27 kernel in QEMU and test the real module
+#   make bench      benchmarks (plain optimised build)
+
+BUILD    ?= build
+JOBS     ?= $(shell nproc 2>/dev/null || echo 2)
+CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo -G Ninja)
+
+.PHONY: all deps test tsan demo module vmtest bench clean
+
+all: $(BUILD)/asan/CMakeCache.txt
+	cmake --build $(BUILD)/asan -j $(JOBS)
+
+deps:
+	@scripts/install-deps.sh host
+
+$(BUILD)/asan/CMakeCache.txt:
+	@scripts/install-deps.sh host
+	cmake -S . -B $(BUILD)/asan $(CMAKE_GEN) -DCORVALIN_SANITIZER=address,undefined
+
+$(BUILD)/tsan/CMakeCache.txt:
+	@scripts/install-deps.sh host
+	cmake -S . -B $(BUILD)/tsan $(CMAKE_GEN) -DCORVALIN_SANITIZER=thread
+
+$(BUILD)/plain/CMakeCache.txt:
+	@scripts/install-deps.sh host
+	cmake -S . -B $(BUILD)/plain $(CMAKE_GEN) -DCORVALIN_SANITIZER= -DCMAKE_BUILD_TYPE=Release
+
+test: $(BUILD)/asan/CMakeCache.txt
+	cmake --build $(BUILD)/asan -j $(JOBS)
+	cd $(BUILD)/asan && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+tsan: $(BUILD)/tsan/CMakeCache.txt
+	cmake --build $(BUILD)/tsan -j $(JOBS)
+	cd $(BUILD)/tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+	  ctest --output-on-failure -j $(JOBS) -L concurrency --timeout 600
+
+demo: $(BUILD)/plain/CMakeCache.txt
+	cmake --build $(BUILD)/plain -j $(JOBS) --target corvalin
+	$(BUILD)/plain/tools/corvalin tour
+
+module:
+	@test -n "$(KDIR)" || { echo "make module: set KDIR to a configured 2.6.27 tree" >&2; exit 2; }
+	$(MAKE) -C $(KDIR) ARCH=i386 CC="gcc -m32 -fno-pie" M=$(CURDIR)/kernel modules
+
+vmtest:
+	@scripts/install-deps.sh vm
+	vm/vmtest.sh
+
+bench: $(BUILD)/plain/CMakeCache.txt
+	cmake --build $(BUILD)/plain -j $(JOBS)
+	@for b in $(BUILD)/plain/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+
+clean:
+	rm -rf $(BUILD)

@@ -1,0 +1,76 @@
+// User processes of the emulated kernel.
+//
+// A Process has a 32-bit user address space and a file-descriptor table.
+// Its system calls run the driver's file operations exactly as 2.6.27 does:
+// open() finds the character device by the node's major number and calls
+// fops->open; ioctl() enters fops->ioctl under the big kernel lock (which a
+// sleeping task releases, as 2.6.27's schedule() does); mmap() builds a
+// vm_area_struct and calls fops->mmap; touching a page of a driver mapping
+// calls vm_ops->fault; munmap() and close() call vm_ops->close and
+// fops->release.  System calls return what the kernel would return to user
+// space (a non-negative result, or a negative errno).
+//
+// copy_from_user/copy_to_user/put_user inside the driver reach the address
+// space of the process whose call is running (current->mm) and fail on
+// unmapped or wrongly protected addresses exactly as the kernel's do.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+namespace emu {
+
+using uaddr = std::uint32_t;  // a 32-bit user-space address
+
+// Protection and flag bits, with the values of i386 Linux.
+inline constexpr int PROT_NONE_ = 0, PROT_READ_ = 1, PROT_WRITE_ = 2,
+		     PROT_EXEC_ = 4;
+inline constexpr int MAP_SHARED_ = 1, MAP_PRIVATE_ = 2;
+
+// Create the character-device node `path` (like mknod c major minor).
+void mknod(const char *path, unsigned major, unsigned minor);
+
+class Process {
+public:
+	Process();
+	~Process();  // closes every open file and removes every mapping
+	Process(const Process &) = delete;
+	Process &operator=(const Process &) = delete;
+
+	// --- memory of the address space --------------------------------
+	// Anonymous private mapping of `len` bytes (rounded up to pages),
+	// zero-filled.  Returns its address (never 0), or 0 on failure.
+	uaddr map_anon(std::size_t len, int prot = PROT_READ_ | PROT_WRITE_);
+	int protect(uaddr addr, std::size_t len, int prot);
+	// Access as the process itself would (faults in driver pages; a
+	// store to a read-only page or an access to an unmapped one fails).
+	// Returns false on SIGSEGV/SIGBUS.
+	bool peek(uaddr addr, void *dst, std::size_t len);
+	bool poke(uaddr addr, const void *src, std::size_t len);
+	// An address that is certainly not mapped in this process.
+	uaddr unmapped_address() const;
+
+	// --- system calls ------------------------------------------------
+	int open(const char *path);                 // fd or -errno
+	int close(int fd);                          // 0 or -errno
+	long ioctl(int fd, unsigned cmd, unsigned long arg);
+	long read(int fd, uaddr buf, std::size_t count);
+	long write(int fd, uaddr buf, std::size_t count);
+	unsigned poll(int fd);                      // the driver's poll mask
+	// mmap2: returns the mapping's address, or a negative errno (as a
+	// signed value) when the driver or the checks refuse it.
+	long long mmap(uaddr addr, std::size_t len, int prot, int flags, int fd,
+		       unsigned long pgoff);
+	int munmap(uaddr addr, std::size_t len);
+
+	int pid() const;
+
+private:
+	struct Impl;
+	std::unique_ptr<Impl> impl_;
+	friend struct ProcessAccess;
+};
+
+}  // namespace emu
