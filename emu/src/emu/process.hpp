@@ -17,8 +17,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
+
+struct file;
 
 namespace emu {
 
@@ -32,10 +35,20 @@ inline constexpr int MAP_SHARED_ = 1, MAP_PRIVATE_ = 2;
 // Create the character-device node `path` (like mknod c major minor).
 void mknod(const char *path, unsigned major, unsigned minor);
 
+// What a system call "returns" when the kernel oopsed inside it and the
+// process was killed (it never sees a result).  2.6.27 oopses, for
+// example, when a driver's open() returns a positive value: the open path
+// takes it for a struct file pointer.  The oops is logged as on the real
+// kernel ("<1>BUG: unable to handle kernel NULL pointer dereference at
+// 00000011"), and the process exits: its mappings are removed and its files
+// closed.  Every later system call of that process returns SYSCALL_KILLED.
+inline constexpr int SYSCALL_KILLED = -1000000;
+
 class Process {
 public:
 	Process();
-	~Process();  // closes every open file and removes every mapping
+	explicit Process(const char *comm);   // the task name (default "backup")
+	~Process();  // removes every mapping, then closes every open file
 	Process(const Process &) = delete;
 	Process &operator=(const Process &) = delete;
 
@@ -66,6 +79,21 @@ public:
 	int munmap(uaddr addr, std::size_t len);
 
 	int pid() const;
+	// Sends a signal to the process's system calls in progress: an
+	// interruptible sleep in one of them ends (e.g. down_interruptible
+	// returns -EINTR).  A pending signal is consumed when the system call
+	// returns.
+	void kill(int sig);
+	// The kernel oopsed in one of its system calls (see SYSCALL_KILLED).
+	bool killed() const;
+
+	// --- for tests that call driver functions directly ---------------
+	// Runs fn on the calling thread as inside a system call of this
+	// process: `current` has its pid, name and address space, so the
+	// driver's copy_from_user/copy_to_user reach this process's memory.
+	void run_as(const std::function<void()> &fn);
+	// The struct file behind descriptor fd (nullptr if none).
+	struct ::file *file(int fd) const;
 
 private:
 	struct Impl;

@@ -1,0 +1,2 @@
+/* moduleparam.h - STUBBED: module parameters are in linux/module.h. */
+#include <linux/module.h>

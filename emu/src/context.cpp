@@ -1,0 +1,216 @@
+// Execution context of a task: interrupt state, bottom halves, preemption,
+// the big kernel lock, and the checks that a task may sleep.
+#include "core.hpp"
+
+namespace {
+
+// The big kernel lock.  Recursive per task (task_struct.lock_depth, -1
+// when not held); released while its holder sleeps.
+std::mutex g_bkl;
+
+}  // namespace
+
+namespace emu {
+
+int spin_locks_held()
+{
+	return cur()->spin_depth;
+}
+
+bool irqs_off()
+{
+	return cur()->irqs_off;
+}
+
+bool bkl_held()
+{
+	return cur()->task.lock_depth >= 0;
+}
+
+int bkl_release_for_sleep()
+{
+	emu_task *t = cur();
+	int depth = t->task.lock_depth;
+	if (depth >= 0) {
+		held_remove(&g_bkl, LockKind::Bkl);
+		g_bkl.unlock();
+	}
+	return depth;
+}
+
+void bkl_reacquire_after_sleep(int depth)
+{
+	if (depth >= 0) {
+		g_bkl.lock();
+		held_add(&g_bkl, LockKind::Bkl, Site{"(reacquired after sleep)", 0});
+	}
+}
+
+Sleeping::Sleeping() : depth_(bkl_release_for_sleep())
+{
+}
+
+Sleeping::~Sleeping()
+{
+	bkl_reacquire_after_sleep(depth_);
+}
+
+SoftirqContext::SoftirqContext()
+{
+	cur()->bh_depth++;
+}
+
+SoftirqContext::~SoftirqContext()
+{
+	cur()->bh_depth--;
+}
+
+void check_may_sleep(Site s, const char *what)
+{
+	emu_task *t = cur();
+	std::string why;
+	if (t->spin_depth)
+		why = "with a spin lock held";
+	else if (t->irqs_off)
+		why = "with interrupts disabled";
+	else if (t->hardirq_depth || t->bh_depth)
+		why = "in interrupt context";
+	else if (t->preempt_depth)
+		why = "with preemption disabled (kmap_atomic or "
+		      "preempt_disable)";
+	else
+		return;
+	std::string msg = std::string("sleeping function ") + what +
+		" called " + why;
+	auto held = held_locks();
+	std::string mine = std::string("pid ") + std::to_string(t->task.pid);
+	for (auto &h : held)
+		if (h.find(mine) != std::string::npos)
+			msg += "; holding " + h;
+	violation(s, msg);
+}
+
+void might_sleep(Site s)
+{
+	check_may_sleep(s, "might_sleep");
+}
+
+}  // namespace emu
+
+using emu::cur;
+
+extern "C" void emu_might_sleep(const char *file, int line)
+{
+	emu::check_may_sleep(emu::site(file, line), "(might_sleep)");
+}
+
+extern "C" int emu_cond_resched(const char *file, int line)
+{
+	emu::check_may_sleep(emu::site(file, line), "cond_resched");
+	emu::yield_cpu();
+	return 1;
+}
+
+// ---- interrupts ---------------------------------------------------------------
+
+extern "C" unsigned long emu_local_irq_save(void)
+{
+	emu_task *t = cur();
+	unsigned long flags = t->irqs_off ? 0 : X86_EFLAGS_IF;
+	t->irqs_off = true;
+	return flags;
+}
+
+extern "C" void emu_local_irq_restore(unsigned long flags, const char *file,
+				      int line)
+{
+	(void)file;
+	(void)line;
+	cur()->irqs_off = !(flags & X86_EFLAGS_IF);
+}
+
+extern "C" void emu_local_irq_disable(void)
+{
+	cur()->irqs_off = true;
+}
+
+extern "C" void emu_local_irq_enable(const char *file, int line)
+{
+	(void)file;
+	(void)line;
+	cur()->irqs_off = false;
+}
+
+extern "C" int emu_irqs_disabled(void)
+{
+	return cur()->irqs_off;
+}
+
+extern "C" void emu_local_bh_disable(void)
+{
+	cur()->bh_depth++;
+}
+
+extern "C" void emu_local_bh_enable(const char *file, int line)
+{
+	emu_task *t = cur();
+	if (t->bh_depth <= 0)
+		emu::violation(emu::site(file, line),
+			       "local_bh_enable without local_bh_disable");
+	t->bh_depth--;
+}
+
+extern "C" void emu_preempt_disable(void)
+{
+	cur()->preempt_depth++;
+}
+
+extern "C" void emu_preempt_enable(const char *file, int line)
+{
+	emu_task *t = cur();
+	if (t->preempt_depth <= 0)
+		emu::violation(emu::site(file, line),
+			       "preempt_enable without preempt_disable");
+	t->preempt_depth--;
+}
+
+extern "C" int emu_in_irq(void)
+{
+	return cur()->hardirq_depth > 0;
+}
+
+extern "C" int emu_in_softirq(void)
+{
+	return cur()->bh_depth > 0;
+}
+
+extern "C" int emu_in_atomic(void)
+{
+	emu_task *t = cur();
+	return t->spin_depth || t->bh_depth || t->hardirq_depth ||
+		t->preempt_depth;
+}
+
+// ---- the big kernel lock ---------------------------------------------------------
+
+extern "C" void emu_lock_kernel(const char *file, int line)
+{
+	emu_task *t = cur();
+	if (t->task.lock_depth < 0) {
+		g_bkl.lock();
+		emu::held_add(&g_bkl, emu::LockKind::Bkl, emu::site(file, line));
+	}
+	t->task.lock_depth++;
+}
+
+extern "C" void emu_unlock_kernel(const char *file, int line)
+{
+	emu_task *t = cur();
+	if (t->task.lock_depth < 0)
+		emu::violation(emu::site(file, line),
+			       "unlock_kernel without lock_kernel");
+	if (--t->task.lock_depth < 0) {
+		emu::held_remove(&g_bkl, emu::LockKind::Bkl);
+		g_bkl.unlock();
+	}
+}
