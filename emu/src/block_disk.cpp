@@ -1,0 +1,548 @@
+// The emulated machine's disks (emu::Disk): a gendisk, its request queue,
+// the disk's own make_request_fn, a backing store and completion threads.
+//
+// The request function runs in the submitter's context, like a real
+// driver's: it counts the request, shows it to the test's observer, and
+// queues it for the disk's completion threads (or, with no threads,
+// serves it on the spot as a RAM disk does).  A completion thread takes a
+// pending request in the order Reorder asks for, waits the request's
+// latency, moves the data between the bio's pages (kmap'ed one vector at a
+// time) and the backing store, and ends the bio as a request-based or a
+// bio-based 2.6.27 driver ends it, in softirq context (as 2.6.27's block
+// softirq runs completions), so that a completion routine that sleeps is
+// caught.  A request that touches a
+// failing sector transfers nothing and ends with that sector's error.
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <mutex>
+#include <random>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <unordered_map>
+#include <vector>
+
+#include "emu/block.hpp"
+#include "block_internal.hpp"
+
+#include <linux/highmem.h>
+#include <linux/kdev_t.h>
+
+namespace {
+
+constexpr std::uint64_t chunk_bytes = 4096;
+
+// Where a disk's bytes live.  Offsets and lengths are in bytes; callers
+// stay within the capacity.
+class Store {
+public:
+	virtual ~Store() = default;
+	virtual void read(std::uint64_t off, std::span<std::byte> out) = 0;
+	virtual void write(std::uint64_t off,
+			   std::span<const std::byte> in) = 0;
+};
+
+// Sparse memory: 4 KiB chunks made on first write; absent chunks read as
+// zeros.
+class MemoryStore final : public Store {
+public:
+	void read(std::uint64_t off, std::span<std::byte> out) override
+	{
+		std::lock_guard lk(m_);
+		while (!out.empty()) {
+			const std::uint64_t in_chunk = off % chunk_bytes;
+			const std::size_t n = std::min<std::uint64_t>(
+				out.size(), chunk_bytes - in_chunk);
+			auto it = chunks_.find(off / chunk_bytes);
+			if (it == chunks_.end())
+				std::memset(out.data(), 0, n);
+			else
+				std::memcpy(out.data(),
+					    it->second.data() + in_chunk, n);
+			out = out.subspan(n);
+			off += n;
+		}
+	}
+
+	void write(std::uint64_t off, std::span<const std::byte> in) override
+	{
+		std::lock_guard lk(m_);
+		while (!in.empty()) {
+			const std::uint64_t in_chunk = off % chunk_bytes;
+			const std::size_t n = std::min<std::uint64_t>(
+				in.size(), chunk_bytes - in_chunk);
+			auto &chunk = chunks_[off / chunk_bytes];
+			if (chunk.empty())
+				chunk.resize(chunk_bytes);
+			std::memcpy(chunk.data() + in_chunk, in.data(), n);
+			in = in.subspan(n);
+			off += n;
+		}
+	}
+
+private:
+	std::mutex m_;
+	std::unordered_map<std::uint64_t, std::vector<std::byte>> chunks_;
+};
+
+// An image file, read and written in place (pread/pwrite are safe from
+// several threads at once).
+class FileStore final : public Store {
+public:
+	explicit FileStore(const std::string &path)
+	{
+		fd_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+		if (fd_ < 0)
+			emu::violation({}, "emu::Disk: cannot open image " +
+				       path + ": " + std::strerror(errno));
+	}
+	~FileStore() override { ::close(fd_); }
+	FileStore(const FileStore &) = delete;
+	FileStore &operator=(const FileStore &) = delete;
+
+	std::uint64_t size() const
+	{
+		struct stat st {};
+		::fstat(fd_, &st);
+		return static_cast<std::uint64_t>(st.st_size);
+	}
+
+	void read(std::uint64_t off, std::span<std::byte> out) override
+	{
+		while (!out.empty()) {
+			ssize_t n = ::pread(fd_, out.data(), out.size(),
+					    static_cast<off_t>(off));
+			if (n < 0 && errno == EINTR)
+				continue;
+			if (n < 0)
+				emu::violation({}, std::string("emu::Disk: "
+					       "image read failed: ") +
+					       std::strerror(errno));
+			if (n == 0) {  // beyond the end of the file: zeros
+				std::memset(out.data(), 0, out.size());
+				return;
+			}
+			out = out.subspan(static_cast<std::size_t>(n));
+			off += static_cast<std::uint64_t>(n);
+		}
+	}
+
+	void write(std::uint64_t off, std::span<const std::byte> in) override
+	{
+		while (!in.empty()) {
+			ssize_t n = ::pwrite(fd_, in.data(), in.size(),
+					     static_cast<off_t>(off));
+			if (n < 0 && errno == EINTR)
+				continue;
+			if (n <= 0)
+				emu::violation({}, std::string("emu::Disk: "
+					       "image write failed: ") +
+					       std::strerror(errno));
+			in = in.subspan(static_cast<std::size_t>(n));
+			off += static_cast<std::uint64_t>(n);
+		}
+	}
+
+private:
+	int fd_ = -1;
+};
+
+struct Failure {
+	std::uint64_t first, count;
+	int error;
+	emu::Dir dir;
+};
+
+struct Pending {
+	struct bio *bio;
+	std::uint64_t seq;
+};
+
+extern "C" int emu_disk_make_request(struct request_queue *q,
+				     struct bio *bio);
+
+}  // namespace
+
+struct emu::Disk::Impl {
+	DiskConfig cfg;
+	struct gendisk *disk = nullptr;
+	struct request_queue *q = nullptr;
+	std::unique_ptr<Store> store;
+	std::uint64_t capacity = 0;
+
+	mutable std::mutex m;
+	std::condition_variable work_cv;  // pending work, plug, stop
+	std::condition_variable idle_cv;  // a request was served
+	std::deque<Pending> pending;
+	unsigned in_service = 0;
+	bool plugged = false;
+	bool stopping = false;
+	Reorder reorder = Reorder::Fifo;
+	std::mt19937_64 rng{1};
+	std::chrono::microseconds lat_min{0}, lat_max{0};
+	std::vector<Failure> failures;
+
+	std::atomic<std::uint64_t> requests{0};
+	std::mutex observer_m;
+	std::shared_ptr<std::function<void(const DiskRequest &)>> observer;
+
+	std::vector<std::jthread> workers;
+
+	// The error a request over [sector, sector + n) in direction `dir`
+	// meets, or 0.
+	int failure_for(std::uint64_t sector, std::uint64_t n, Dir dir)
+	{
+		std::lock_guard lk(m);
+		for (const Failure &f : failures)
+			if ((static_cast<int>(f.dir) & static_cast<int>(dir)) &&
+			    sector < f.first + f.count && f.first < sector + n)
+				return f.error;
+		return 0;
+	}
+
+	void transfer(struct bio *bio, bool write)
+	{
+		std::uint64_t off = static_cast<std::uint64_t>(bio->bi_sector)
+				    * 512;
+		std::uint64_t left = bio->bi_size;
+		for (int i = bio->bi_idx; i < bio->bi_vcnt && left; i++) {
+			struct bio_vec *bv = &bio->bi_io_vec[i];
+			const std::size_t n =
+				std::min<std::uint64_t>(bv->bv_len, left);
+			if (bv->bv_offset + n > PAGE_SIZE)
+				emu::violation({}, "emu::Disk: bio vector "
+					       "crosses its page");
+			auto *p = static_cast<std::byte *>(kmap(bv->bv_page)) +
+				  bv->bv_offset;
+			if (write)
+				store->write(off, {p, n});
+			else
+				store->read(off, {p, n});
+			kunmap(bv->bv_page);
+			off += n;
+			left -= n;
+		}
+	}
+
+	// Serves one request from start to end.
+	void serve(struct bio *bio, bool from_thread)
+	{
+		const bool write = bio_data_dir(bio) == WRITE;
+		const std::uint64_t sector = bio->bi_sector;
+		const std::uint64_t n = (bio->bi_size + 511) / 512;
+		int error = 0;
+		if (bio_empty_barrier(bio))
+			error = 0;  // a cache flush: nothing to do
+		else if (sector + n > capacity)
+			error = -EIO;
+		else
+			error = failure_for(sector, n,
+					    write ? Dir::Write : Dir::Read);
+		if (!error && bio->bi_size)
+			transfer(bio, write);
+		auto end = [&] { complete(bio, sector, error); };
+		if (from_thread)
+			emu::blk::in_completion_context(end);
+		else
+			end();
+	}
+
+	void complete(struct bio *bio, std::uint64_t sector, int error)
+	{
+		if (cfg.completion == Completion::Bio) {
+			bio_endio(bio, error);
+			return;
+		}
+		// __end_that_request_first() and req_bio_endio() for a
+		// request of exactly this bio.
+		if (error)
+			printk(KERN_ERR "end_request: I/O error, dev %s, "
+			       "sector %llu\n", disk->disk_name,
+			       (unsigned long long)sector);
+		const unsigned int nbytes = bio->bi_size;
+		if (error)
+			clear_bit(BIO_UPTODATE, &bio->bi_flags);
+		else if (!test_bit(BIO_UPTODATE, &bio->bi_flags))
+			error = -EIO;
+		bio->bi_size -= nbytes;
+		bio->bi_sector += (nbytes >> 9);
+		if (bio->bi_size == 0)
+			bio_endio(bio, error);
+	}
+
+	// Takes the next request to serve (the lock held, work available).
+	Pending take()
+	{
+		std::size_t idx = 0;
+		switch (reorder) {
+		case Reorder::Fifo:
+			idx = 0;
+			break;
+		case Reorder::Lifo:
+			idx = pending.size() - 1;
+			break;
+		case Reorder::Random:
+			idx = std::uniform_int_distribution<std::size_t>(
+				0, pending.size() - 1)(rng);
+			break;
+		}
+		Pending p = pending[idx];
+		pending.erase(pending.begin() + static_cast<long>(idx));
+		return p;
+	}
+
+	void worker(std::stop_token stop, unsigned index)
+	{
+		const std::string comm = cfg.name + "-io/" +
+					 std::to_string(index);
+		TaskScope task(comm.c_str());
+		std::unique_lock lk(m);
+		for (;;) {
+			work_cv.wait(lk, [&] {
+				return stopping || stop.stop_requested() ||
+				       (!plugged && !pending.empty());
+			});
+			if (plugged || pending.empty())
+				return;  // stopping, nothing left to serve
+			Pending p = take();
+			in_service++;
+			std::chrono::microseconds delay = lat_min;
+			if (lat_max > lat_min)
+				delay = std::chrono::microseconds(
+					std::uniform_int_distribution<long>(
+						lat_min.count(),
+						lat_max.count())(rng));
+			lk.unlock();
+			if (delay.count())
+				std::this_thread::sleep_for(delay);
+			serve(p.bio, true);
+			lk.lock();
+			in_service--;
+			idle_cv.notify_all();
+		}
+	}
+
+	int request(struct bio *bio)
+	{
+		DiskRequest r;
+		r.seq = ++requests;
+		r.dev = bio->bi_bdev ? bio->bi_bdev->bd_dev : 0;
+		r.sector = bio->bi_sector;
+		r.bytes = bio->bi_size;
+		r.rw = bio->bi_rw;
+		r.bio = bio;
+		std::shared_ptr<std::function<void(const DiskRequest &)>> obs;
+		{
+			std::lock_guard lk(observer_m);
+			obs = observer;
+		}
+		if (obs && *obs)
+			(*obs)(r);
+		if (cfg.threads == 0) {
+			serve(bio, false);
+			return 0;
+		}
+		{
+			std::lock_guard lk(m);
+			pending.push_back({bio, r.seq});
+		}
+		work_cv.notify_one();
+		return 0;
+	}
+};
+
+namespace {
+
+extern "C" int emu_disk_make_request(struct request_queue *q, struct bio *bio)
+{
+	return static_cast<emu::Disk::Impl *>(q->queuedata)->request(bio);
+}
+
+}  // namespace
+
+void emu::blk::in_completion_context(const std::function<void()> &fn)
+{
+	SoftirqContext softirq;
+	fn();
+}
+
+emu::Disk::Disk(DiskConfig config) : impl_(std::make_unique<Impl>())
+{
+	Impl &d = *impl_;
+	d.cfg = std::move(config);
+	if (d.cfg.minors < 1 || d.cfg.first_minor + d.cfg.minors > (1u << 20) ||
+	    d.cfg.major >= (1u << 12))
+		violation({}, "emu::Disk: bad major/minor range");
+	if (d.cfg.image.empty()) {
+		d.store = std::make_unique<MemoryStore>();
+		d.capacity = d.cfg.sectors;
+	} else {
+		auto file = std::make_unique<FileStore>(d.cfg.image);
+		d.capacity = d.cfg.sectors ? d.cfg.sectors : file->size() / 512;
+		d.store = std::move(file);
+	}
+	for (int minor = 0; minor < d.cfg.minors; minor++) {
+		int part;
+		if (blk::find_disk(MKDEV(d.cfg.major, d.cfg.first_minor + minor),
+				   &part))
+			violation({}, "emu::Disk: device numbers of " +
+				  d.cfg.name + " already taken by another disk");
+	}
+
+	d.q = blk_alloc_queue(GFP_KERNEL);
+	blk_queue_make_request(d.q, emu_disk_make_request);
+	if (d.cfg.queue_lock)
+		d.q->queue_lock = &d.q->__queue_lock;
+	d.q->queuedata = &d;
+
+	d.disk = alloc_disk(d.cfg.minors);
+	d.disk->major = static_cast<int>(d.cfg.major);
+	d.disk->first_minor = static_cast<int>(d.cfg.first_minor);
+	std::snprintf(d.disk->disk_name, sizeof(d.disk->disk_name), "%s",
+		      d.cfg.name.c_str());
+	d.disk->queue = d.q;
+	d.disk->private_data = &d;
+	set_capacity(d.disk, d.capacity);
+	add_disk(d.disk);
+
+	for (unsigned i = 0; i < d.cfg.threads; i++)
+		d.workers.emplace_back([&d, i](std::stop_token stop) {
+			d.worker(stop, i);
+		});
+}
+
+emu::Disk::~Disk()
+{
+	Impl &d = *impl_;
+	// Whoever replaced the queue's function still points at the queue,
+	// which goes with the disk.
+	if (d.q->make_request_fn != emu_disk_make_request)
+		violation({}, "emu::Disk " + d.cfg.name + " destroyed while "
+			  "its queue's make_request_fn is replaced (give the "
+			  "queue back, e.g. unload the driver, first)");
+	unplug();
+	drain();
+	{
+		std::lock_guard lk(d.m);
+		d.stopping = true;
+	}
+	d.work_cv.notify_all();
+	d.workers.clear();  // joins
+	del_gendisk(d.disk);
+	put_disk(d.disk);
+	blk_cleanup_queue(d.q);
+}
+
+int emu::Disk::add_partition(int partno, std::uint64_t start,
+			     std::uint64_t sectors)
+{
+	return ::add_partition(impl_->disk, partno, start, sectors, 0);
+}
+
+void emu::Disk::delete_partition(int partno)
+{
+	::delete_partition(impl_->disk, partno);
+}
+
+struct gendisk *emu::Disk::gendisk() const { return impl_->disk; }
+struct request_queue *emu::Disk::queue() const { return impl_->q; }
+std::uint64_t emu::Disk::sectors() const { return impl_->capacity; }
+
+emu::devnum emu::Disk::dev(int partno) const
+{
+	return MKDEV(impl_->cfg.major, impl_->cfg.first_minor + partno);
+}
+
+struct block_device *emu::Disk::bdev(int partno) const
+{
+	return bdget(dev(partno));
+}
+
+int (*emu::Disk::request_fn())(struct request_queue *, struct bio *)
+{
+	return emu_disk_make_request;
+}
+
+void emu::Disk::read(std::uint64_t sector, std::span<std::byte> out) const
+{
+	if (sector * 512 + out.size() > impl_->capacity * 512)
+		violation({}, "emu::Disk::read beyond the end of the disk");
+	impl_->store->read(sector * 512, out);
+}
+
+void emu::Disk::write(std::uint64_t sector, std::span<const std::byte> in)
+{
+	if (sector * 512 + in.size() > impl_->capacity * 512)
+		violation({}, "emu::Disk::write beyond the end of the disk");
+	impl_->store->write(sector * 512, in);
+}
+
+void emu::Disk::set_latency(std::chrono::microseconds min,
+			    std::chrono::microseconds max)
+{
+	std::lock_guard lk(impl_->m);
+	impl_->lat_min = min;
+	impl_->lat_max = std::max(min, max);
+}
+
+void emu::Disk::set_reorder(Reorder order, std::uint64_t seed)
+{
+	std::lock_guard lk(impl_->m);
+	impl_->reorder = order;
+	impl_->rng.seed(seed);
+}
+
+void emu::Disk::plug()
+{
+	std::lock_guard lk(impl_->m);
+	impl_->plugged = true;
+}
+
+void emu::Disk::unplug()
+{
+	{
+		std::lock_guard lk(impl_->m);
+		impl_->plugged = false;
+	}
+	impl_->work_cv.notify_all();
+}
+
+void emu::Disk::fail_sectors(std::uint64_t first, std::uint64_t count,
+			     int error, Dir dir)
+{
+	std::lock_guard lk(impl_->m);
+	impl_->failures.push_back({first, count, error, dir});
+}
+
+void emu::Disk::clear_failures()
+{
+	std::lock_guard lk(impl_->m);
+	impl_->failures.clear();
+}
+
+void emu::Disk::drain()
+{
+	std::unique_lock lk(impl_->m);
+	impl_->idle_cv.wait(lk, [this] {
+		return impl_->in_service == 0 &&
+		       (impl_->pending.empty() || impl_->plugged);
+	});
+}
+
+std::uint64_t emu::Disk::requests() const
+{
+	return impl_->requests.load();
+}
+
+void emu::Disk::set_observer(std::function<void(const DiskRequest &)> observer)
+{
+	auto obs = std::make_shared<std::function<void(const DiskRequest &)>>(
+		std::move(observer));
+	std::lock_guard lk(impl_->observer_m);
+	impl_->observer = std::move(obs);
+}

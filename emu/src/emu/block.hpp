@@ -1,0 +1,207 @@
+// Disks, partitions and mounted file systems of the emulated machine, as
+// tests, tools and the demo declare them.
+//
+// A Disk is a gendisk with a request queue whose make_request_fn is the
+// disk's own (Disk::request_fn()): it takes each bio in the submitter's
+// context and completes it later from the disk's completion threads, with
+// optional latency, reordering and failing sectors, reading and writing the
+// backing store (sparse memory or an image file) page by page through the
+// bio's vectors.  Partitions are 2.6.27 hd_structs in disk->part[].
+//
+// A FileSystem is mounted on one block device of a disk (the whole disk or
+// a partition), which opens that device as a mount does (bd_disk,
+// bd_contains, bd_part set; a partition also opens its whole disk).  It has
+// a super block (get_super finds it), a block size, and a small write API:
+// writes are buffered as dirty blocks and written back through submit_bio
+// (so they pass any make_request_fn hooked on the queue) by sync(), by
+// fsync_bdev/sync_blockdev and by freeze_bdev; a writer that arrives while
+// the file system is frozen waits until the thaw.  Reads of blocks that are
+// not dirty are bios too.
+//
+// Objects here are the machine's hardware and mounts: destroy them after
+// the driver let go of them (unload the module before a disk it hooked
+// goes away), file systems before their disks.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+
+struct bio;
+struct block_device;
+struct gendisk;
+struct request_queue;
+struct super_block;
+
+namespace emu {
+
+// A kernel device number (dev_t): major in the top 12 bits, minor in the
+// low 20, as 2.6.27's MKDEV.
+using devnum = std::uint32_t;
+constexpr devnum mkdev(unsigned major, unsigned minor)
+{
+	return (major << 20) | minor;
+}
+
+// One request as the disk's request function received it (after the block
+// layer's partition remapping, so `sector` is a sector of the whole disk).
+struct DiskRequest {
+	std::uint64_t seq = 0;     // 1 for the disk's first request
+	devnum dev = 0;            // bio->bi_bdev->bd_dev as received
+	std::uint64_t sector = 0;  // bio->bi_sector as received
+	std::uint32_t bytes = 0;   // bio->bi_size as received
+	unsigned long rw = 0;      // bio->bi_rw
+	const struct bio *bio = nullptr;  // valid during the observer call only
+};
+
+// In which order the completion threads take pending requests.
+enum class Reorder {
+	Fifo,    // arrival order
+	Lifo,    // newest first (with one thread: exactly reversed batches)
+	Random,  // uniformly among the pending ones (seeded)
+};
+
+// How a request ends, as the two kinds of 2.6.27 block drivers end it.
+enum class Completion {
+	// Request-based (sd, ide): the block layer ends the request -- on an
+	// error it logs "<3>end_request: I/O error, dev sda, sector N", and it
+	// consumes the bio (bi_size becomes 0, bi_sector advances past the
+	// transfer) before calling bio_endio.  The disk of the boot test.
+	Request,
+	// Bio-based (a RAM disk): bio_endio(bio, error) on the bio untouched.
+	Bio,
+};
+
+enum class Dir { Read = 1, Write = 2, Both = 3 };
+
+struct DiskConfig {
+	unsigned major = 8;
+	unsigned first_minor = 0;
+	int minors = 16;               // 1: no partitions possible
+	std::uint64_t sectors = 0;     // capacity; 0 with an image: its size
+	std::string name = "sda";      // disk_name: partitions are "sda1"...
+	std::string image;             // backing file; empty: sparse memory
+	bool queue_lock = true;        // q->queue_lock = &q->__queue_lock
+	unsigned threads = 2;          // completion threads; 0: complete
+				       // inside the request function
+	Completion completion = Completion::Request;
+};
+
+class Disk {
+public:
+	explicit Disk(DiskConfig config);
+	// Waits for the requests in flight (unplugging), stops the threads
+	// and removes the disk.  Fatal while a file system is mounted on it
+	// or while its queue's make_request_fn is not the disk's own.
+	~Disk();
+	Disk(const Disk &) = delete;
+	Disk &operator=(const Disk &) = delete;
+
+	// add_partition(disk, partno, start, sectors): partition `partno`
+	// (1 .. minors - 1) from sector `start` for `sectors` sectors.
+	// Returns 0 or add_partition's negative error.
+	int add_partition(int partno, std::uint64_t start,
+			  std::uint64_t sectors);
+	void delete_partition(int partno);
+
+	struct gendisk *gendisk() const;
+	struct request_queue *queue() const;
+	// Device number of the whole disk (0) or of partition `partno`.
+	devnum dev(int partno = 0) const;
+	// bdget() of that device number (the emulation keeps the reference).
+	struct block_device *bdev(int partno = 0) const;
+	// The disk's own make_request_fn: what q->make_request_fn is until a
+	// driver replaces it, and what a driver that hooks the queue calls on.
+	static int (*request_fn())(struct request_queue *, struct bio *);
+
+	// The backing store, bypassing the block layer (set-up and checks).
+	void read(std::uint64_t sector, std::span<std::byte> out) const;
+	void write(std::uint64_t sector, std::span<const std::byte> in);
+	std::uint64_t sectors() const;
+
+	// --- behaviour ------------------------------------------------------
+	// Each request waits a uniformly drawn time in [min, max] before the
+	// completion thread serves it.
+	void set_latency(std::chrono::microseconds min,
+			 std::chrono::microseconds max);
+	void set_reorder(Reorder order, std::uint64_t seed = 1);
+	// Hold every request (none is served) until unplug(); then the held
+	// ones are served in the order set_reorder chose.
+	void plug();
+	void unplug();
+	// Requests of direction `dir` that touch any sector of [first, first +
+	// count) fail with `error` (-EIO, or -EOPNOTSUPP): nothing is
+	// transferred and the bio ends without BIO_UPTODATE.
+	void fail_sectors(std::uint64_t first, std::uint64_t count,
+			  int error = -5, Dir dir = Dir::Both);
+	void clear_failures();
+	// Waits until no request is pending or being served (plugged ones
+	// stay pending: unplug first).
+	void drain();
+
+	// --- test hooks -----------------------------------------------------
+	// Requests the request function received so far.
+	std::uint64_t requests() const;
+	// Called in the submitter's context for every request the request
+	// function receives, before it is queued.  Empty: none.
+	void set_observer(std::function<void(const DiskRequest &)> observer);
+
+	struct Impl;
+
+private:
+	std::unique_ptr<Impl> impl_;
+};
+
+// A block size of 0 asks the file system to read it from an ext2/ext3
+// super block on the device (1024 << s_log_block_size).
+class FileSystem {
+public:
+	// Mounts on partition `partno` of `disk` (0: the whole disk).  Block
+	// sizes are powers of two up to 4096; below 512 a file system can be
+	// mounted and asked for its size, but not read or written.
+	FileSystem(Disk &disk, int partno, unsigned block_size,
+		   bool read_only = false);
+	// Writes back what is dirty and unmounts (waiting, as umount does,
+	// until no get_super() reference and no freeze holds the super block).
+	~FileSystem();
+	FileSystem(const FileSystem &) = delete;
+	FileSystem &operator=(const FileSystem &) = delete;
+
+	struct super_block *sb() const;
+	struct block_device *bdev() const;
+	unsigned block_size() const;
+	std::uint64_t blocks() const;  // device size / block size
+
+	// Buffers `data` (block_size() bytes) as block `block`.  Waits while
+	// the file system is frozen.  Returns 0, -EINVAL (bad block or size),
+	// -EROFS (read-only) or -ENOMEM (no page).
+	int write_block(std::uint64_t block, std::span<const std::byte> data);
+	// The block's current contents: the dirty copy, or a read bio sent
+	// through the queue and waited for.  0 or -EIO / -EINVAL / -ENOMEM.
+	int read_block(std::uint64_t block, std::span<std::byte> out);
+	// Writes every dirty block back (one write bio per block, submitted
+	// together, then waited for).  0, or -EIO when any write failed since
+	// the last sync.
+	int sync();
+
+	std::size_t dirty_blocks() const;
+	// Writers currently waiting for a thaw.
+	std::size_t writers_waiting() const;
+	// Write bios this file system sent so far.
+	std::uint64_t writes_submitted() const;
+
+	struct Impl;
+
+private:
+	std::unique_ptr<Impl> impl_;
+};
+
+// The block size an ext2/ext3 super block on `disk`'s partition `partno`
+// declares, or 0 when there is none.
+unsigned ext2_block_size(const Disk &disk, int partno);
+
+}  // namespace emu
