@@ -10,8 +10,8 @@ want=${1:-host}
 
 host_pkgs=(cmake ninja-build g++ gcc make libgtest-dev libgmock-dev googletest
            libbenchmark-dev e2fsprogs)
-vm_pkgs=(qemu-system-x86 gcc-12-multilib musl-dev:i386 musl-tools e2fsprogs cpio
-         xz-utils perl bc kmod)
+vm_pkgs=(qemu-system-x86 gcc-12-multilib musl-dev:i386 e2fsprogs xz-utils perl
+         patch kmod)
 
 missing() {
 	local p out=()
