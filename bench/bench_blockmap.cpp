@@ -30,9 +30,7 @@
 
 #include "emu/emu.hpp"
 
-#ifdef CORVALIN_HAVE_GBENCH
-#include <benchmark/benchmark.h>
-#endif
+#include "bench_support.hpp"
 
 // The kernel's headers declare their own C linkage; the driver's do not.
 #include <linux/types.h>
@@ -182,34 +180,6 @@ void print_ratios(const std::map<std::string, double> &ns)
 
 #ifdef CORVALIN_HAVE_GBENCH
 
-// Keeps the per-operation times so that the ratios can be printed at the
-// end.  With threads, Google Benchmark reports the wall time per iteration
-// of all threads together, which is what the ratios compare.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-	void ReportRuns(const std::vector<Run> &runs) override
-	{
-		ConsoleReporter::ReportRuns(runs);
-		for (const Run &r : runs) {
-			if (r.iterations <= 0 || r.error_occurred)
-				continue;
-			std::string name = r.benchmark_name().substr(3);
-			const bool two = name.find("threads:2") !=
-					 std::string::npos;
-			name = name.substr(0, name.find('/'));
-			ns_[two ? name + "@2" : name] = r.GetAdjustedRealTime();
-		}
-	}
-	void Finalize() override
-	{
-		ConsoleReporter::Finalize();
-		print_ratios(ns_);
-	}
-
-private:
-	std::map<std::string, double> ns_;
-};
-
 void run_case(benchmark::State &state, CaseFn fn)
 {
 	// One iteration is one operation, through the same indirect call for
@@ -236,11 +206,17 @@ int run_timing(int argc, char **argv)
 		    ->UseRealTime()
 		    ->MinTime(0.3);
 	}
-	benchmark::Initialize(&argc, argv);
-	RatioReporter reporter;
-	benchmark::RunSpecifiedBenchmarks(&reporter);
-	benchmark::Shutdown();
-	return 0;
+	// With threads, Google Benchmark reports the wall time per iteration
+	// of all threads together, which is what the ratios compare.
+	return bench::run_with_ratios(
+	    argc, argv,
+	    [](const benchmark::BenchmarkReporter::Run &r) {
+		    std::string name = r.benchmark_name().substr(3);
+		    const bool two = name.find("threads:2") != std::string::npos;
+		    name = name.substr(0, name.find('/'));
+		    return two ? name + "@2" : name;
+	    },
+	    print_ratios);
 }
 
 #else

@@ -22,9 +22,7 @@
 #include "corvalin_emu.hpp"
 #include "emu/emu.hpp"
 
-#ifdef CORVALIN_HAVE_GBENCH
-#include <benchmark/benchmark.h>
-#endif
+#include "bench_support.hpp"
 
 namespace {
 
@@ -103,27 +101,6 @@ void print_ratio(const std::map<std::string, double> &ns)
 
 #ifdef CORVALIN_HAVE_GBENCH
 
-// Keeps the per-iteration times so that the ratio can be printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-	void ReportRuns(const std::vector<Run> &runs) override
-	{
-		ConsoleReporter::ReportRuns(runs);
-		for (const Run &r : runs)
-			if (r.iterations > 0)
-				ns_[r.benchmark_name().substr(3)] =
-				    r.GetAdjustedRealTime();
-	}
-	void Finalize() override
-	{
-		ConsoleReporter::Finalize();
-		print_ratio(ns_);
-	}
-
-private:
-	std::map<std::string, double> ns_;
-};
-
 void run_case(benchmark::State &state, bool (*fn)())
 {
 	for (auto _ : state)
@@ -136,11 +113,12 @@ int run_all(int argc, char **argv)
 	for (const Case &c : cases)
 		benchmark::RegisterBenchmark((std::string("BM_") + c.name).c_str(),
 					     run_case, c.fn);
-	benchmark::Initialize(&argc, argv);
-	RatioReporter reporter;
-	benchmark::RunSpecifiedBenchmarks(&reporter);
-	benchmark::Shutdown();
-	return 0;
+	return bench::run_with_ratios(
+	    argc, argv,
+	    [](const benchmark::BenchmarkReporter::Run &r) {
+		    return r.benchmark_name().substr(3);
+	    },
+	    print_ratio);
 }
 
 #else
