@@ -16,6 +16,7 @@
 #include <mutex>
 
 #include "block_internal.hpp"
+#include "checks.hpp"
 
 #include <linux/bio.h>
 #include <linux/buffer_head.h>
@@ -70,6 +71,7 @@ extern "C" void emu_end_bio_bh_io_sync(struct bio *bio, int err)
 	}
 
 	bh->b_end_io(bh, test_bit(BIO_UPTODATE, &bio->bi_flags));
+	emu::race_window("end_bio_bh_io_sync");
 	bio_put(bio);
 }
 
@@ -83,6 +85,7 @@ struct buffer_head *emu_alloc_buffer_head(gfp_t gfp_flags, EMU_SITE_PARAMS)
 	// kmem_cache_alloc(bh_cachep, gfp_flags)
 	if (gfp_flags & __GFP_WAIT)
 		(emu::might_sleep)(site);
+	emu::check_alloc_context(site, gfp_flags, "alloc_buffer_head");
 	if (emu::inject_failure(emu::Alloc::BufferHead))
 		return NULL;
 	void *mem = std::calloc(1, sizeof(struct buffer_head));
@@ -141,6 +144,7 @@ void unlock_buffer(struct buffer_head *bh)
 		smp_mb__after_clear_bit();
 	}
 	b.cv.notify_all();
+	emu::race_window("unlock_buffer");
 }
 
 void emu___wait_on_buffer(struct buffer_head *bh, EMU_SITE_PARAMS)

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "block_internal.hpp"
+#include "checks.hpp"
 
 #include <linux/bio.h>
 #include <linux/highmem.h>
@@ -41,6 +42,7 @@ std::size_t bio_bytes(unsigned vecs)
 extern "C" void emu_bio_destructor(struct bio *bio)
 {
 	const std::size_t bytes = bio_bytes(bio->bi_max_vecs);
+	emu::io_freed(bio);
 	if (!emu::account_remove(emu::Obj::Bio, bio))
 		emu::violation({}, "bio destructor: bio not allocated by "
 			       "bio_alloc (freed twice?)");
@@ -54,6 +56,7 @@ struct bio *allocate(gfp_t gfp_mask, int nr_iovecs, emu::Site site,
 	// mempool_alloc() sleeps for memory when __GFP_WAIT is set.
 	if (gfp_mask & __GFP_WAIT)
 		(emu::might_sleep)(site);
+	emu::check_alloc_context(site, gfp_mask, "bio_alloc");
 	if (injectable && emu::inject_failure(emu::Alloc::Bio))
 		return nullptr;
 	int idx = 0;
@@ -126,11 +129,13 @@ void emu_bio_put(struct bio *bio, EMU_SITE_PARAMS)
 
 void bio_endio(struct bio *bio, int error)
 {
+	emu::lockdep::note_progress();   // the hang watchdog's progress
 	if (error)
 		clear_bit(BIO_UPTODATE, &bio->bi_flags);
 	else if (!test_bit(BIO_UPTODATE, &bio->bi_flags))
 		error = -EIO;
 
+	emu::io_ended(bio);
 	if (bio->bi_end_io)
 		bio->bi_end_io(bio, error);
 }

@@ -41,6 +41,7 @@ struct DiskAlloc {
 	struct gendisk disk;
 	std::vector<struct hd_struct *> parts;
 	std::vector<std::unique_ptr<struct hd_struct>> owned;
+	std::vector<std::unique_ptr<struct hd_struct>> retired;  // deleted
 	int refs = 1;
 	bool added = false;
 };
@@ -89,12 +90,17 @@ int do_open(struct block_device *bdev, int for_part)
 	if (!disk)
 		return -ENXIO;
 
-	mutex_lock(&bdev->bd_mutex);
+	// As 2.6.27: a partition's bd_mutex, then its disk's (subclass 1).
+	mutex_lock_nested(&bdev->bd_mutex, for_part);
 	if (!bdev->bd_openers) {
 		bdev->bd_disk = disk;
 		bdev->bd_contains = bdev;
 		if (!part) {
 			bd_set_size(bdev, (long long)get_capacity(disk) << 9);
+			/* The first open of a disk marked invalidated reads
+			 * its partition table, bd_mutex held. */
+			if (bdev->bd_invalidated)
+				emu::blk::rescan_partitions(disk, bdev);
 		} else {
 			struct hd_struct *p;
 			struct block_device *whole;
@@ -128,15 +134,23 @@ int do_open(struct block_device *bdev, int for_part)
 	return 0;
 }
 
-// 2.6.27's __blkdev_put, without the final bdput (the caller's).
+// 2.6.27's __blkdev_put, without the final bdput (the caller's) and
+// without the big kernel lock 2.6.27 takes inside bd_mutex there.
 struct block_device *do_close(struct block_device *bdev, int for_part)
 {
 	struct block_device *victim = NULL;
 
-	mutex_lock(&bdev->bd_mutex);
+	mutex_lock_nested(&bdev->bd_mutex, for_part);
 	if (for_part)
 		bdev->bd_part_count--;
 	if (!--bdev->bd_openers) {
+		/* The last close writes the device's dirty pages back and
+		 * drops its page cache, bd_mutex held (kernel I/O under the
+		 * mutex a make_request_fn must therefore never take). */
+		sync_blockdev(bdev);
+		emu::blk::cache_kill(bdev);
+	}
+	if (!bdev->bd_openers) {
 		if (bdev->bd_contains != bdev)
 			bdev->bd_part = NULL;
 		bdev->bd_disk = NULL;
@@ -379,8 +393,17 @@ void delete_partition(struct gendisk *disk, int part)
 	std::lock_guard lk(disk_table().m);
 	DiskAlloc *alloc = alloc_of(disk);
 	disk->part[part - 1] = NULL;
-	std::erase_if(alloc->owned,
-		      [p](const auto &o) { return o.get() == p; });
+	p->start_sect = 0;
+	p->nr_sects = 0;
+	// Kept until the disk goes: a lookup that read disk->part[] without
+	// a lock just before may still be reading it (2.6.27 frees it only
+	// when its last device reference goes).
+	auto it = std::find_if(alloc->owned.begin(), alloc->owned.end(),
+			       [p](const auto &o) { return o.get() == p; });
+	if (it != alloc->owned.end()) {
+		alloc->retired.push_back(std::move(*it));
+		alloc->owned.erase(it);
+	}
 }
 
 void del_gendisk(struct gendisk *disk)

@@ -1,20 +1,32 @@
 // The emulated machine's disks (emu::Disk): a gendisk, its request queue,
 // the disk's own make_request_fn, a backing store and completion threads.
 //
-// The request function runs in the submitter's context, like a real
-// driver's: it counts the request, shows it to the test's observer, and
-// queues it for the disk's completion threads (or, with no threads,
-// serves it on the spot as a RAM disk does).  A completion thread takes a
-// pending request in the order Reorder asks for, waits the request's
-// latency, moves the data between the bio's pages (kmap'ed one vector at a
-// time) and the backing store, and ends the bio as a request-based or a
-// bio-based 2.6.27 driver ends it, in softirq context (as 2.6.27's block
-// softirq runs completions), so that a completion routine that sleeps is
-// caught.  A request that touches a
-// failing sector transfers nothing and ends with that sector's error.
+// The request function runs in the submitter's context with the rules of
+// 2.6.27's __make_request: it may sleep (a violation in atomic context;
+// with interrupts merely off it is silent, as 2.6.27 has no might_sleep()
+// there and schedule() turns them on), takes the queue lock with
+// spin_lock_irq, and needs one of the queue's nr_requests
+// requests: when all are in flight the submitter sleeps (get_request_wait,
+// the queue lock dropped meanwhile) until a completion gives one back.  A
+// bio must arrive remapped onto the whole disk: one that still names a
+// partition (a caller that skipped generic_make_request's remapping) is a
+// violation.  The function counts the request, shows it to the test's
+// observer, and queues it for the disk's completion threads (or, with no
+// threads, serves it on the spot as a RAM disk does).  A completion thread
+// takes a pending request in the order Reorder asks for, waits the
+// request's latency, moves the data between the bio's pages (kmap'ed one
+// vector at a time) and the backing store, and ends the bio as a
+// request-based or a bio-based 2.6.27 driver ends it, in the disk's
+// completion context: the block softirq (bio_endio in softirq context,
+// then the request released under the queue lock), or an IDE-style
+// interrupt handler (in_irq, interrupts off, bio_endio and the release
+// both under the queue lock).  A completion routine that sleeps is caught
+// either way.  A request that touches a failing sector transfers nothing
+// and ends with that sector's error.
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
@@ -29,9 +41,12 @@
 
 #include "emu/block.hpp"
 #include "block_internal.hpp"
+#include "checks.hpp"
 
 #include <linux/highmem.h>
 #include <linux/kdev_t.h>
+#include <linux/mutex.h>
+#include <linux/spinlock.h>
 
 namespace {
 
@@ -193,6 +208,60 @@ struct emu::Disk::Impl {
 
 	std::vector<std::jthread> workers;
 
+	// The request pool (2.6.27's request_list): rq_count is guarded by
+	// the queue lock; pool_m guards the generation of releases and the
+	// sleepers, so that a sleeper that saw the pool full under the
+	// queue lock cannot miss the release that follows.
+	int rq_count = 0;
+	mutable std::mutex pool_m;
+	std::condition_variable pool_cv;
+	std::uint64_t releases = 0;
+	unsigned sleepers = 0;
+	CompletionContext context = CompletionContext::Softirq;
+
+	// The lock __make_request and the completion take: the driver-visible
+	// queue lock, or the queue's own one when the disk was made without
+	// (a bio-based driver leaves q->queue_lock unset).
+	spinlock_t *queue_lock() const
+	{
+		return q->queue_lock ? q->queue_lock : &q->__queue_lock;
+	}
+
+	// get_request_wait(): called with the queue lock held and interrupts
+	// off; returns with both and one request of the pool taken.
+	void get_request_wait()
+	{
+		while (rq_count >= static_cast<int>(q->nr_requests)) {
+			std::uint64_t seen;
+			{
+				std::lock_guard lk(pool_m);
+				seen = releases;
+				sleepers++;
+			}
+			spin_unlock_irq(queue_lock());
+			{
+				std::unique_lock lk(pool_m);
+				emu::wait_until(lk, pool_cv, [&] {
+					return releases != seen;
+				});
+				sleepers--;
+			}
+			spin_lock_irq(queue_lock());
+		}
+		rq_count++;
+	}
+
+	// __blk_put_request() and freed_request(): the queue lock held.
+	void put_request()
+	{
+		rq_count--;
+		{
+			std::lock_guard lk(pool_m);
+			releases++;
+		}
+		pool_cv.notify_all();
+	}
+
 	// The error a request over [sector, sector + n) in direction `dir`
 	// meets, or 0.
 	int failure_for(std::uint64_t sector, std::uint64_t n, Dir dir)
@@ -245,11 +314,30 @@ struct emu::Disk::Impl {
 					    write ? Dir::Write : Dir::Read);
 		if (!error && bio->bi_size)
 			transfer(bio, write);
-		auto end = [&] { complete(bio, sector, error); };
-		if (from_thread)
-			emu::blk::in_completion_context(end);
-		else
-			end();
+		if (!from_thread) {
+			complete(bio, sector, error);
+			spin_lock_irq(queue_lock());
+			put_request();
+			spin_unlock_irq(queue_lock());
+		} else if (context == CompletionContext::Hardirq) {
+			// The interrupt handler: ide_intr takes the queue lock
+			// with interrupts off and ends the request under it.
+			unsigned long flags;
+			emu::HardirqContext hardirq;
+			local_irq_save(flags);
+			spin_lock(queue_lock());
+			complete(bio, sector, error);
+			put_request();
+			spin_unlock(queue_lock());
+			local_irq_restore(flags);
+		} else {
+			emu::SoftirqContext softirq;
+			unsigned long flags;
+			complete(bio, sector, error);
+			spin_lock_irqsave(queue_lock(), flags);
+			put_request();
+			spin_unlock_irqrestore(queue_lock(), flags);
+		}
 	}
 
 	void complete(struct bio *bio, std::uint64_t sector, int error)
@@ -329,6 +417,18 @@ struct emu::Disk::Impl {
 
 	int request(struct bio *bio)
 	{
+		const emu::Site site = emu::blk::submitter_site();
+		emu::check_may_sleep_unannotated(site, "__make_request");
+		if (!bio->bi_bdev || !bio->bi_bdev->bd_contains)
+			emu::violation(site, "the request function of " +
+				       cfg.name + " got a bio whose block "
+				       "device is not set or not open");
+		// A bio may arrive with a partition as bi_bdev and a whole-disk
+		// sector: the backup driver's own reads and released writes go
+		// to the saved make_request_fn with absolute sectors, skipping
+		// blk_partition_remap().  2.6.27's __make_request takes
+		// bi_sector as a sector of the disk whatever bi_bdev says, and
+		// so does this one.
 		DiskRequest r;
 		r.seq = ++requests;
 		r.dev = bio->bi_bdev ? bio->bi_bdev->bd_dev : 0;
@@ -343,13 +443,16 @@ struct emu::Disk::Impl {
 		}
 		if (obs && *obs)
 			(*obs)(r);
+		spin_lock_irq(queue_lock());
+		get_request_wait();
+		if (cfg.threads) {
+			std::lock_guard lk(m);
+			pending.push_back({bio, r.seq});
+		}
+		spin_unlock_irq(queue_lock());
 		if (cfg.threads == 0) {
 			serve(bio, false);
 			return 0;
-		}
-		{
-			std::lock_guard lk(m);
-			pending.push_back({bio, r.seq});
 		}
 		work_cv.notify_one();
 		return 0;
@@ -360,6 +463,7 @@ namespace {
 
 extern "C" int emu_disk_make_request(struct request_queue *q, struct bio *bio)
 {
+	emu::io_at_disk(bio);
 	return static_cast<emu::Disk::Impl *>(q->queuedata)->request(bio);
 }
 
@@ -369,6 +473,17 @@ void emu::blk::in_completion_context(const std::function<void()> &fn)
 {
 	SoftirqContext softirq;
 	fn();
+}
+
+emu::CompletionContext emu::default_completion_context()
+{
+	const char *env = std::getenv("EMU_DISK_COMPLETION");
+	if (!env || !*env || std::string(env) == "softirq")
+		return CompletionContext::Softirq;
+	if (std::string(env) == "hardirq")
+		return CompletionContext::Hardirq;
+	violation({}, std::string("EMU_DISK_COMPLETION=") + env +
+		  ": expected softirq or hardirq");
 }
 
 emu::Disk::Disk(DiskConfig config) : impl_(std::make_unique<Impl>())
@@ -394,8 +509,14 @@ emu::Disk::Disk(DiskConfig config) : impl_(std::make_unique<Impl>())
 				  d.cfg.name + " already taken by another disk");
 	}
 
+	d.context = d.cfg.context == CompletionContext::Default ?
+		default_completion_context() : d.cfg.context;
+	if (d.cfg.nr_requests < 1)
+		violation({}, "emu::Disk: a queue needs at least one request");
+
 	d.q = blk_alloc_queue(GFP_KERNEL);
 	blk_queue_make_request(d.q, emu_disk_make_request);
+	d.q->nr_requests = d.cfg.nr_requests;
 	if (d.cfg.queue_lock)
 		d.q->queue_lock = &d.q->__queue_lock;
 	d.q->queuedata = &d;
@@ -414,6 +535,15 @@ emu::Disk::Disk(DiskConfig config) : impl_(std::make_unique<Impl>())
 		d.workers.emplace_back([&d, i](std::stop_token stop) {
 			d.worker(stop, i);
 		});
+
+	if (d.cfg.scan_partitions && d.cfg.minors > 1) {
+		// register_disk(): mark the disk invalidated and open it
+		// once, which reads the partition table.
+		set_invalidated();
+		struct block_device *whole = nullptr;
+		if (blk::blkdev_open(dev(0), &whole) == 0)
+			blk::blkdev_close(whole);
+	}
 }
 
 emu::Disk::~Disk()
@@ -447,6 +577,15 @@ int emu::Disk::add_partition(int partno, std::uint64_t start,
 void emu::Disk::delete_partition(int partno)
 {
 	::delete_partition(impl_->disk, partno);
+}
+
+void emu::Disk::set_invalidated()
+{
+	struct block_device *whole = bdev(0);
+	mutex_lock(&whole->bd_mutex);
+	whole->bd_invalidated = 1;
+	mutex_unlock(&whole->bd_mutex);
+	bdput(whole);
 }
 
 struct gendisk *emu::Disk::gendisk() const { return impl_->disk; }
@@ -537,6 +676,26 @@ void emu::Disk::drain()
 std::uint64_t emu::Disk::requests() const
 {
 	return impl_->requests.load();
+}
+
+unsigned emu::Disk::requests_allocated() const
+{
+	unsigned long flags;
+	spin_lock_irqsave(impl_->queue_lock(), flags);
+	const unsigned n = static_cast<unsigned>(impl_->rq_count);
+	spin_unlock_irqrestore(impl_->queue_lock(), flags);
+	return n;
+}
+
+unsigned emu::Disk::pool_sleepers() const
+{
+	std::lock_guard lk(impl_->pool_m);
+	return impl_->sleepers;
+}
+
+emu::CompletionContext emu::Disk::completion_context() const
+{
+	return impl_->context;
 }
 
 void emu::Disk::set_observer(std::function<void(const DiskRequest &)> observer)

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 
 #include "runtime.hpp"
 
@@ -46,6 +47,33 @@ void blkdev_close(struct block_device *bdev);
 // (get_gendisk without taking a reference), or nullptr.
 struct gendisk *find_disk(dev_t dev, int *partno);
 
+// ---- the block devices' page cache (block_cache.cpp) -------------------
+
+// Bytes at `pos` of the device through its page cache (a missing page is
+// read with a bio through the queue and waited for).  0, -EIO or -ENOMEM.
+int cache_read(struct block_device *bdev, std::uint64_t pos,
+	       std::span<std::byte> out);
+// Copies into the cached pages and leaves them dirty.  0, -EIO, -ENOMEM.
+int cache_write(struct block_device *bdev, std::uint64_t pos,
+		std::span<const std::byte> in);
+// Writes every dirty page back (one bio each) and waits; 0 or -EIO.
+int cache_writeback(struct block_device *bdev);
+// invalidate_bdev: drops the clean pages; kill_bdev: drops every page.
+void cache_invalidate(struct block_device *bdev);
+void cache_kill(struct block_device *bdev);
+std::size_t cache_pages(struct block_device *bdev, bool dirty_only);
+
+// ---- partition tables (block_partitions.cpp) ---------------------------
+
+// 2.6.27's rescan_partitions: the caller holds bdev->bd_mutex.  0, -EBUSY
+// (a partition is open) or -EIO.
+int rescan_partitions(struct gendisk *disk, struct block_device *bdev);
+// BLKRRPART: 0, -EINVAL (not a partitionable whole disk), -EBUSY, -EIO.
+int blkdev_reread_part(struct block_device *bdev);
+
+// ---- block device files (block_fops.cpp) ---------------------------------
+const struct file_operations *block_fops();
+
 // ---- bios (block_bio.cpp) ---------------------------------------------
 
 // bio_alloc for the emulation's own I/O (file-system writeback and reads):
@@ -54,6 +82,11 @@ struct gendisk *find_disk(dev_t dev, int *partno);
 // mempool that waits instead of failing, and tests that inject bio
 // failures aim at the driver's allocations.
 struct bio *bio_alloc_internal(gfp_t gfp_mask, int nr_iovecs, Site site);
+
+// The call site of the generic_make_request() (or submit_bio()) running on
+// this task, for reports made inside a make_request_fn; "(called
+// directly)" when a request function was called without one.
+Site submitter_site();
 
 // ---- request completion (block_disk.cpp) ---------------------------------
 
@@ -76,6 +109,11 @@ public:
 	// Sets sb->s_frozen to `level` (an SB_* value) under the lock its
 	// writers test it with, and wakes writers when it drops.
 	virtual void set_frozen(int level) = 0;
+	// super_operations' write_super_lockfs and unlockfs: called by
+	// freeze_bdev after the write-back (s_frozen SB_FREEZE_TRANS) and by
+	// thaw_bdev before the level drops.  None by default.
+	virtual void write_super_lockfs() {}
+	virtual void unlockfs() {}
 };
 
 // Mounts: allocates the super block (s_count S_BIAS, s_active 1), links it

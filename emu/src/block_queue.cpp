@@ -17,6 +17,7 @@
 #include <mutex>
 
 #include "block_internal.hpp"
+#include "checks.hpp"
 
 #include <linux/sched.h>
 
@@ -170,9 +171,34 @@ end_io:
 		if (!q->make_request_fn)
 			emu::violation(site, "generic_make_request on a queue "
 				       "without a make_request_fn");
+		emu::io_make_request_begin(bio);
 		ret = q->make_request_fn(q, bio);
+		emu::io_make_request_end(bio, ret);
 	} while (ret);
 }
+
+// The outermost generic_make_request of this task, for reports made by a
+// request function (see submitter_site()).
+thread_local const emu::Site *t_submitter;
+
+class SubmitterScope {
+public:
+	explicit SubmitterScope(const emu::Site &site) : outer_(t_submitter)
+	{
+		if (!outer_)
+			t_submitter = &site;
+	}
+	~SubmitterScope()
+	{
+		if (!outer_)
+			t_submitter = nullptr;
+	}
+	SubmitterScope(const SubmitterScope &) = delete;
+	SubmitterScope &operator=(const SubmitterScope &) = delete;
+
+private:
+	const emu::Site *outer_;
+};
 
 // A segment limit of 0 is raised to 1, with the log line of the setter
 // `func` that was given it.
@@ -187,6 +213,11 @@ unsigned short at_least_one_segment(unsigned short max_segments,
 }
 
 }  // namespace
+
+emu::Site emu::blk::submitter_site()
+{
+	return t_submitter ? *t_submitter : emu::Site{"(called directly)", 0};
+}
 
 extern "C" {
 
@@ -205,7 +236,9 @@ void emu_generic_make_request(struct bio *bio, EMU_SITE_PARAMS)
 {
 	const emu::Site site{emu_file, emu_line};
 	struct task_struct *tsk = emu::current_task();
+	SubmitterScope submitter(site);
 
+	emu::io_submitted(bio, site);
 	if (tsk->bio_tail) {
 		/* make_request is active */
 		*(tsk->bio_tail) = bio;

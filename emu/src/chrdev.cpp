@@ -2,6 +2,7 @@
 // unregister_chrdev, emu::mknod, and the open/release halves of the file
 // system (chrdev_open, __dentry_open, __fput) of 2.6.27.
 #include "process_internal.hpp"
+#include "block_internal.hpp"
 
 namespace {
 
@@ -63,7 +64,8 @@ void mknod(const char *path, unsigned major, unsigned minor)
 	struct inode *&inode = nodes()[path];
 	if (!inode) {
 		inode = new struct inode();
-		emu_mutex_init(&inode->i_mutex);
+		emu_mutex_init_key(&inode->i_mutex, "&inode->i_mutex",
+				   __FILE__, __LINE__);
 		atomic_set(&inode->i_count, 1);
 		inode->i_nlink = 1;
 		inode->i_mode = S_IFCHR | 0600;
@@ -71,9 +73,44 @@ void mknod(const char *path, unsigned major, unsigned minor)
 	inode->i_rdev = MKDEV(major, minor);
 }
 
+void mknod_block(const char *path, unsigned major, unsigned minor)
+{
+	mknod(path, major, minor);
+	std::lock_guard lk(g_dev_mutex);
+	nodes()[path]->i_mode = S_IFBLK | 0600;
+}
+
 }  // namespace emu
 
 namespace emu::proc {
+
+namespace {
+
+// A block device node: the block device files' operations (no module
+// reference: the emulated disks belong to no module).
+OpenFile *open_block_node(struct inode *inode, int *err)
+{
+	auto *f = new OpenFile;
+	f->inode = inode;
+	f->dentry.d_inode = inode;
+	f->file.f_path.dentry = &f->dentry;
+	f->file.f_flags = 02;   // O_RDWR
+	f->file.f_mode = FMODE_READ | FMODE_WRITE | FMODE_LSEEK |
+		FMODE_PREAD | FMODE_PWRITE;
+	atomic_long_set(&f->file.f_count, 1);
+	INIT_LIST_HEAD(&f->file.fu_list);
+	f->file.f_op = emu::blk::block_fops();
+	int ret = f->file.f_op->open(inode, &f->file);
+	if (ret) {
+		delete f;
+		*err = ret;
+		return nullptr;
+	}
+	*err = 0;
+	return f;
+}
+
+}  // namespace
 
 OpenFile *open_node(const char *path, int *err)
 {
@@ -88,12 +125,16 @@ OpenFile *open_node(const char *path, int *err)
 			return nullptr;
 		}
 		inode = n->second;
+		if (S_ISBLK(inode->i_mode))
+			found = true;
 		auto c = chrdevs().find(MAJOR(inode->i_rdev));
 		if (c != chrdevs().end() && MINOR(inode->i_rdev) < 256) {
 			dev = c->second;
 			found = true;
 		}
 	}
+	if (found && S_ISBLK(inode->i_mode))
+		return open_block_node(inode, err);
 	// chrdev_open: find the cdev, take its reference, then the file
 	// operations' (both pin the owner module).
 	if (!found) {

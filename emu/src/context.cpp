@@ -1,6 +1,8 @@
 // Execution context of a task: interrupt state, bottom halves, preemption,
 // the big kernel lock, and the checks that a task may sleep.
 #include "core.hpp"
+#include "checks.hpp"
+#include "lockdep.hpp"
 
 namespace {
 
@@ -57,18 +59,50 @@ Sleeping::~Sleeping()
 
 SoftirqContext::SoftirqContext()
 {
-	cur()->bh_depth++;
+	emu_task *t = cur();
+	t->bh_depth++;
+	t->softirq_depth++;
 }
 
 SoftirqContext::~SoftirqContext()
 {
-	cur()->bh_depth--;
+	emu_task *t = cur();
+	t->softirq_depth--;
+	t->bh_depth--;
+}
+
+HardirqContext::HardirqContext() : irqs_were_off_(cur()->irqs_off)
+{
+	emu_task *t = cur();
+	t->hardirq_depth++;
+	t->irqs_off = true;
+}
+
+HardirqContext::~HardirqContext()
+{
+	emu_task *t = cur();
+	t->hardirq_depth--;
+	t->irqs_off = irqs_were_off_;
+}
+
+void run_in_interrupt(Interrupt kind, const std::function<void()> &fn)
+{
+	if (kind == Interrupt::Hard) {
+		HardirqContext hardirq;
+		fn();
+	} else {
+		SoftirqContext softirq;
+		fn();
+	}
 }
 
 void check_may_sleep(Site s, const char *what)
 {
 	emu_task *t = cur();
 	std::string why;
+	if (t->irqs_off && !t->spin_depth && !t->hardirq_depth &&
+	    !t->bh_depth && !t->preempt_depth)
+		return sleeping_with_irqs_off(s, what);   // warns, goes on
 	if (t->spin_depth)
 		why = "with a spin lock held";
 	else if (t->irqs_off)
@@ -88,6 +122,15 @@ void check_may_sleep(Site s, const char *what)
 		if (h.find(mine) != std::string::npos)
 			msg += "; holding " + h;
 	violation(s, msg);
+}
+
+void check_may_sleep_unannotated(Site s, const char *what)
+{
+	emu_task *t = cur();
+	if (t->irqs_off && !t->spin_depth && !t->hardirq_depth &&
+	    !t->bh_depth && !t->preempt_depth)
+		return;
+	check_may_sleep(s, what);
 }
 
 void might_sleep(Site s)
@@ -113,20 +156,32 @@ extern "C" int emu_cond_resched(const char *file, int line)
 
 // ---- interrupts ---------------------------------------------------------------
 
-extern "C" unsigned long emu_local_irq_save(void)
+// local_irq_save opens an irqsave region, closed by local_irq_restore;
+// the lock validator reports interrupts turned on inside one, and marks
+// the locks held when interrupts come back on (lockdep.cpp).
+extern "C" unsigned long emu_local_irq_save_at(const char *file, int line)
 {
 	emu_task *t = cur();
 	unsigned long flags = t->irqs_off ? 0 : X86_EFLAGS_IF;
 	t->irqs_off = true;
+	emu::lockdep::irqsave_enter(emu::site(file, line));
 	return flags;
+}
+
+extern "C" unsigned long emu_local_irq_save(void)
+{
+	return emu_local_irq_save_at("(local_irq_save)", 0);
 }
 
 extern "C" void emu_local_irq_restore(unsigned long flags, const char *file,
 				      int line)
 {
-	(void)file;
-	(void)line;
-	cur()->irqs_off = !(flags & X86_EFLAGS_IF);
+	emu_task *t = cur();
+	bool was_off = t->irqs_off;
+	t->irqs_off = !(flags & X86_EFLAGS_IF);
+	emu::lockdep::irqsave_exit();
+	if (was_off && !t->irqs_off)
+		emu::lockdep::irqs_enabled(emu::site(file, line), false);
 }
 
 extern "C" void emu_local_irq_disable(void)
@@ -136,9 +191,9 @@ extern "C" void emu_local_irq_disable(void)
 
 extern "C" void emu_local_irq_enable(const char *file, int line)
 {
-	(void)file;
-	(void)line;
-	cur()->irqs_off = false;
+	emu_task *t = cur();
+	emu::lockdep::irqs_enabled(emu::site(file, line), true);
+	t->irqs_off = false;
 }
 
 extern "C" int emu_irqs_disabled(void)
@@ -157,7 +212,8 @@ extern "C" void emu_local_bh_enable(const char *file, int line)
 	if (t->bh_depth <= 0)
 		emu::violation(emu::site(file, line),
 			       "local_bh_enable without local_bh_disable");
-	t->bh_depth--;
+	if (--t->bh_depth == 0)
+		emu::lockdep::softirqs_enabled(emu::site(file, line));
 }
 
 extern "C" void emu_preempt_disable(void)

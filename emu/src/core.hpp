@@ -6,6 +6,16 @@
 #include "kernel_api.hpp"
 #include "runtime.hpp"
 
+// One lock on a task's validator stack (lockdep.cpp): guarded by the
+// validator's own mutex.
+struct emu_held_lock {
+	const void *lock;
+	int cls;             // validator class
+	int read;            // 0 exclusive, 1 read (rwsem), 2 recursive read
+	bool trylock;
+	emu::Site site;      // where it was taken
+};
+
 // The runtime's part of a task (task_struct.emu).  Only the task's own
 // thread touches the context counters; `m` guards the scheduling state
 // (task.state, the signal sets) against wakers on other threads.
@@ -20,6 +30,18 @@ struct emu_task {
 	int bh_depth = 0;          // local_bh_disable / softirq context
 	int preempt_depth = 0;     // preempt_disable / kmap_atomic
 	int hardirq_depth = 0;
+	int softirq_depth = 0;     // running a softirq (part of bh_depth)
+	int irqsave_depth = 0;     // open local_irq_save regions
+	emu::Site irqsave_site;    // where the outermost one was opened
+
+	// The lock validator's view (lockdep.cpp), guarded by its mutex:
+	// locks held in acquisition order, and what the task is blocked on
+	// (for the hang watchdog).
+	std::vector<emu_held_lock> ld_held;
+	bool ld_registered = false;
+	int blocked = 0;
+	emu::Site blocked_site;
+	std::string blocked_what;
 
 	// Signals, guarded by `m`.
 	unsigned long long sig_pending = 0;
@@ -69,6 +91,10 @@ void held_add(const void *lock, LockKind kind, Site site);
 bool held_remove(const void *lock, LockKind kind);
 bool held_by_current(const void *lock, LockKind kind);
 const char *lock_kind_name(LockKind kind);
+// A spin lock taken and released without the lock validator (the
+// runtime's own locks inside its sleeping locks).
+void raw_spin_lock(spinlock_t *lock, const char *file, int line);
+void raw_spin_unlock(spinlock_t *lock, const char *file, int line);
 
 // ---- the big kernel lock (context.cpp) -----------------------------------
 // Around a sleep: release it if held (returns the depth to restore), and
@@ -78,6 +104,10 @@ void bkl_reacquire_after_sleep(int depth);
 
 // Fatal unless the current task may sleep ("scheduling while atomic").
 void check_may_sleep(Site site, const char *what);
+
+// A locked instruction (taking a spin lock): sees every store made before
+// another CPU's last full barrier (mb).  Only ThreadSanitizer is told.
+void locked_instruction();
 
 // ---- accounting (account.cpp) ------------------------------------------------
 // The size of a registered object, or -1.
@@ -90,6 +120,9 @@ unsigned char *page_data(struct page *page);
 std::vector<std::string> kmap_problems();
 
 // ---- threads (sched.cpp) ------------------------------------------------------
+// Every task ever made (tasks live until program exit).
+std::vector<emu_task *> all_tasks();
+
 // Waits up to `timeout` for the kernel threads to finish; returns the
 // descriptions of those still running.
 std::vector<std::string> running_threads(std::chrono::milliseconds timeout);

@@ -9,10 +9,21 @@
 // and waits for all of them; writebacks are serialised, so two writes of
 // one block are never in flight together.  Reads see the newest copy: the
 // dirty one, else the one being written back, else the disk's (a read bio,
-// waited for).  Writers test the freeze level under the file system's lock
-// and wait while it is SB_FREEZE_WRITE or above.
+// waited for).  Writers test the freeze level (vfs_check_frozen) and wait
+// while it is SB_FREEZE_WRITE or above; the test and the dirtying are two
+// steps, as in 2.6.27, so a writer that passed the test before a freeze
+// began completes during it.  A store through a shared mapping
+// (write_mapped) dirties the block without any test.
+//
+// With a journal (enable_journal), the file system behaves like ext3 at a
+// freeze: write_super_lockfs writes a journal commit block and the super
+// block with the needs-recovery flag cleared, unlockfs the super block
+// with it set again, each a write bio through the queue's current
+// make_request_fn, waited for.
 #include <condition_variable>
 #include <cstring>
+#include <functional>
+#include <vector>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -82,6 +93,12 @@ struct emu::FileSystem::Impl final : blk::Mounted {
 
 	std::atomic<bool> write_error{false};
 	std::atomic<std::uint64_t> writes{0};
+
+	std::function<void()> after_frozen_check;  // test hook
+	bool journal = false;
+	std::uint64_t journal_first = 0;
+	unsigned journal_blocks = 0;
+	std::uint32_t journal_seq = 0;
 
 	~Impl() override
 	{
@@ -157,6 +174,89 @@ struct emu::FileSystem::Impl final : blk::Mounted {
 	{
 		return bs >= 512 && len == bs && block < nblocks;
 	}
+
+	// Puts `page` in as the dirty copy of `block`, freeing the old one.
+	void dirty_block(std::uint64_t block, struct page *page)
+	{
+		struct page *old = nullptr;
+		{
+			std::lock_guard lk(m);
+			auto &slot = dirty[block];
+			old = slot;
+			slot = page;
+		}
+		if (old)
+			free_page_of(old);
+	}
+
+	// One block written now (a write bio through the queue, waited for),
+	// as ext3 writes its journal and super block: 0 or -EIO.
+	int write_now(std::uint64_t block, struct page *page)
+	{
+		IoBatch batch;
+		batch.outstanding = 1;
+		writes++;
+		submit_bio(WRITE, block_bio(block, page, &batch));
+		wait_batch(batch);
+		return batch.failed ? -EIO : 0;
+	}
+
+	// ext3_commit_super with EXT3_FEATURE_INCOMPAT_RECOVER (0x4 of
+	// s_feature_incompat, byte 96 of the super block at byte 1024) set
+	// or cleared.
+	void commit_super(bool recover)
+	{
+		const std::uint64_t block = 1024 / bs;
+		const unsigned off = 1024 % bs;
+		struct page *page = alloc_page(GFP_NOFS);
+		if (!page)
+			return;
+		std::vector<std::byte> data(bs);
+		if (read(block, data) == 0) {
+			if (recover)
+				data[off + 96] |= std::byte{0x4};
+			else
+				data[off + 96] &= ~std::byte{0x4};
+			std::memcpy(kmap(page), data.data(), bs);
+			kunmap(page);
+			write_now(block, page);
+		}
+		free_page_of(page);
+	}
+
+	// The block's newest contents (dirty, in flight, or from the disk).
+	int read(std::uint64_t block, std::span<std::byte> out);
+
+	void write_super_lockfs() override
+	{
+		if (!journal || read_only)
+			return;
+		// journal_lock_updates + journal_flush: a commit record.
+		struct page *page = alloc_page(GFP_NOFS);
+		if (!page)
+			return;
+		auto *p = static_cast<unsigned char *>(kmap(page));
+		std::memset(p, 0, PAGE_SIZE);
+		const std::uint32_t seq = ++journal_seq;
+		const std::uint32_t magic = 0xc03b3998u, commit = 2;
+		for (int i = 0; i < 4; i++) {
+			p[i] = static_cast<unsigned char>(magic >> (24 - 8 * i));
+			p[4 + i] = static_cast<unsigned char>(
+				commit >> (24 - 8 * i));
+			p[8 + i] = static_cast<unsigned char>(
+				seq >> (24 - 8 * i));
+		}
+		kunmap(page);
+		write_now(journal_first + seq % journal_blocks, page);
+		free_page_of(page);
+		commit_super(false);
+	}
+
+	void unlockfs() override
+	{
+		if (journal && !read_only)
+			commit_super(true);
+	}
 };
 
 emu::FileSystem::FileSystem(Disk &disk, int partno, unsigned block_size,
@@ -211,7 +311,6 @@ int emu::FileSystem::write_block(std::uint64_t block,
 	std::memcpy(kmap(page), data.data(), data.size());
 	kunmap(page);
 
-	struct page *old = nullptr;
 	{
 		std::unique_lock lk(fs.m);
 		// vfs_check_frozen(sb, SB_FREEZE_WRITE)
@@ -222,13 +321,45 @@ int emu::FileSystem::write_block(std::uint64_t block,
 			});
 			fs.waiting--;
 		}
-		auto &slot = fs.dirty[block];
-		old = slot;
-		slot = page;
 	}
-	if (old)
-		free_page_of(old);
+	// Past the check: a freeze that begins now does not stop this write.
+	if (fs.after_frozen_check)
+		fs.after_frozen_check();
+	fs.dirty_block(block, page);
 	return 0;
+}
+
+int emu::FileSystem::write_mapped(std::uint64_t block,
+				  std::span<const std::byte> data)
+{
+	Impl &fs = *impl_;
+	if (!fs.valid(block, data.size()))
+		return -EINVAL;
+	if (fs.read_only)
+		return -EROFS;
+	struct page *page = alloc_page(GFP_NOFS);
+	if (!page)
+		return -ENOMEM;
+	std::memcpy(kmap(page), data.data(), data.size());
+	kunmap(page);
+	fs.dirty_block(block, page);
+	return 0;
+}
+
+void emu::FileSystem::set_after_frozen_check(std::function<void()> hook)
+{
+	impl_->after_frozen_check = std::move(hook);
+}
+
+void emu::FileSystem::enable_journal(std::uint64_t first_block,
+				     unsigned blocks)
+{
+	Impl &fs = *impl_;
+	if (!blocks || first_block + blocks > fs.nblocks || fs.bs < 1024)
+		violation({}, "emu::FileSystem: bad journal area");
+	fs.journal = true;
+	fs.journal_first = first_block;
+	fs.journal_blocks = blocks;
 }
 
 int emu::FileSystem::read_block(std::uint64_t block, std::span<std::byte> out)
@@ -236,6 +367,12 @@ int emu::FileSystem::read_block(std::uint64_t block, std::span<std::byte> out)
 	Impl &fs = *impl_;
 	if (!fs.valid(block, out.size()))
 		return -EINVAL;
+	return fs.read(block, out);
+}
+
+int emu::FileSystem::Impl::read(std::uint64_t block, std::span<std::byte> out)
+{
+	Impl &fs = *this;
 	(emu::might_sleep)({__FILE__, __LINE__});
 	struct page *page = alloc_page(GFP_NOFS);
 	if (!page)

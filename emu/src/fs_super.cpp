@@ -10,12 +10,13 @@
 // goes when s_count reaches 0.  freeze_bdev() takes bd_mount_sem and a
 // get_super() reference and keeps both until thaw_bdev().
 //
-// Freezing: freeze_bdev() sets s_frozen to SB_FREEZE_WRITE (new writers of
-// the file system wait from then on), writes back every dirty block, sets
-// SB_FREEZE_TRANS.  The file system sets the level under the same lock its
-// writers test it with, so no write slips in between the level change and
-// the writeback (2.6.27 left that window open; the emulation closes it so
-// that a frozen file system really is a point in time).
+// Freezing, as leaky as 2.6.27's: freeze_bdev() sets s_frozen to
+// SB_FREEZE_WRITE (writers that test it from then on wait), writes back
+// every dirty block, sets SB_FREEZE_TRANS, writes back again and lets the
+// file system write its journal and super block (write_super_lockfs).  A
+// writer that passed the test before the level changed still completes,
+// and its block stays dirty in the frozen file system; stores through
+// shared mappings and writes to the block device node are never tested.
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -267,7 +268,7 @@ int emu_sb_set_blocksize(struct super_block *sb, int size, EMU_SITE_PARAMS)
  * Write out and wait upon all the dirty data associated with a block
  * device via its mapping.  Does not take the superblock lock.  (In the
  * emulation a device's dirty data is the dirty blocks of the file system
- * mounted on it.)
+ * mounted on it and the dirty pages of the device's own page cache.)
  */
 int emu_sync_blockdev(struct block_device *bdev, EMU_SITE_PARAMS)
 {
@@ -280,6 +281,9 @@ int emu_sync_blockdev(struct block_device *bdev, EMU_SITE_PARAMS)
 			ret = a->fs->writeback();
 			unpin(a);
 		}
+		int err = emu::blk::cache_writeback(bdev);
+		if (!ret)
+			ret = err;
 	}
 	return ret;
 }
@@ -343,6 +347,8 @@ struct super_block *emu_freeze_bdev(struct block_device *bdev,
 		smp_wmb();
 
 		emu_sync_blockdev(sb->s_bdev, emu_file, emu_line);
+
+		fs->write_super_lockfs();
 	}
 
 	emu_sync_blockdev(bdev, emu_file, emu_line);
@@ -365,8 +371,10 @@ void thaw_bdev(struct block_device *bdev, struct super_block *sb)
 
 		emu::blk::Mounted *fs =
 			static_cast<emu::blk::Mounted *>(sb->s_fs_info);
-		if (fs)
+		if (fs) {
+			fs->unlockfs();
 			fs->set_frozen(SB_UNFROZEN);
+		}
 		else
 			sb->s_frozen = SB_UNFROZEN;
 		smp_wmb();

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "core.hpp"
+#include "lockdep.hpp"
 
 static_assert(sizeof(pthread_mutex_t) <= sizeof(struct emu_raw_lock),
 	      "struct emu_raw_lock too small for the host's mutex");
@@ -85,6 +86,7 @@ void held_add(const void *lock, LockKind kind, Site s)
 bool held_remove(const void *lock, LockKind kind)
 {
 	const task_struct *me = &cur()->task;
+	lockdep::note_progress();
 	Invisible inv;
 	std::lock_guard lk(g_held_mutex);
 	auto range = held_map().equal_range(reinterpret_cast<std::uintptr_t>(lock));
@@ -179,6 +181,107 @@ static void spin_taken(spinlock_t *lock, emu_task *t, const char *file,
 	emu::held_add(lock, LockKind::Spin, emu::site(file, line));
 }
 
+// Takes the host mutex; a task that has to wait for it is blocked for the
+// hang watchdog.
+static void spin_wait(spinlock_t *lock, const char *file, int line)
+{
+	if (pthread_mutex_trylock(raw(lock)) == 0)
+		return;
+	emu::lockdep::Blocked blocked(
+		emu::site(file, line),
+		emu::lockdep::describe_lock("spin lock", lock, &lock->dep));
+	pthread_mutex_lock(raw(lock));
+}
+
+static void spin_lock_common(spinlock_t *lock, int subclass, bool validate,
+			     const char *file, int line)
+{
+	emu_task *t = cur();
+	emu::locked_instruction();
+	check_spin_magic(lock, file, line);
+	if (__atomic_load_n(&lock->owner, __ATOMIC_RELAXED) == &t->task)
+		emu::violation(emu::site(file, line),
+			       std::string("spin lock recursion: already taken "
+					   "by this task at ") +
+			       emu::short_path(lock->file) + ":" +
+			       std::to_string(lock->line));
+	if (validate)
+		emu::lockdep::acquire(lock, &lock->dep, emu::lockdep::Type::Spin,
+				      emu::lockdep::Exclusive, false, subclass,
+				      emu::site(file, line));
+	spin_wait(lock, file, line);
+	spin_taken(lock, t, file, line);
+}
+
+static void spin_unlock_common(spinlock_t *lock, bool validate,
+			       const char *file, int line)
+{
+	emu_task *t = cur();
+	check_spin_magic(lock, file, line);
+	if (__atomic_load_n(&lock->owner, __ATOMIC_RELAXED) != &t->task)
+		emu::violation(emu::site(file, line),
+			       "spin_unlock of a spin lock this task does not "
+			       "hold");
+	if (validate)
+		emu::lockdep::release(lock, emu::site(file, line));
+	emu::held_remove(lock, LockKind::Spin);
+	t->spin_depth--;
+	__atomic_store_n(&lock->owner, nullptr, __ATOMIC_RELAXED);
+	pthread_mutex_unlock(raw(lock));
+}
+
+namespace emu {
+
+// The runtime's own spin locks inside its sleeping locks (a semaphore's
+// lock, an rw_semaphore's or a mutex's wait_lock) are implementation
+// details, always taken with interrupts saved and never around another
+// lock: not validated.
+void raw_spin_lock(spinlock_t *lock, const char *file, int line)
+{
+	spin_lock_common(lock, 0, false, file, line);
+}
+
+void raw_spin_unlock(spinlock_t *lock, const char *file, int line)
+{
+	spin_unlock_common(lock, false, file, line);
+}
+
+}  // namespace emu
+
+#if defined(__SANITIZE_THREAD__)
+extern "C" {
+void __tsan_acquire(void *addr);
+void __tsan_release(void *addr);
+}
+#endif
+
+namespace emu {
+
+// Every store made before a full barrier (mb) on one CPU is visible after
+// the next locked instruction of another (x86).  ThreadSanitizer knows
+// neither, so both meet on one synchronisation object.
+#if defined(__SANITIZE_THREAD__)
+static char barrier_sync;
+#endif
+
+void locked_instruction()
+{
+#if defined(__SANITIZE_THREAD__)
+	__tsan_acquire(&barrier_sync);
+#endif
+}
+
+}  // namespace emu
+
+extern "C" void emu_full_barrier(void)
+{
+#if defined(__SANITIZE_THREAD__)
+	__tsan_release(&emu::barrier_sync);
+#else
+	__asm__ __volatile__("mfence" : : : "memory");
+#endif
+}
+
 extern "C" void emu_spin_lock_init(spinlock_t *lock)
 {
 	emu::check_no_held_lock_in(lock, sizeof(*lock),
@@ -187,18 +290,25 @@ extern "C" void emu_spin_lock_init(spinlock_t *lock)
 	lock->magic = SPINLOCK_MAGIC;
 }
 
+extern "C" void emu_spin_lock_init_key(spinlock_t *lock, const char *name,
+				       const char *file, int line)
+{
+	emu::check_no_held_lock_in(lock, sizeof(*lock), emu::site(file, line));
+	std::memset(lock, 0, sizeof(*lock));
+	lock->magic = SPINLOCK_MAGIC;
+	emu::lockdep::init_key(&lock->dep, emu::lockdep::Type::Spin, name,
+			       file, line);
+}
+
 extern "C" void emu_spin_lock(spinlock_t *lock, const char *file, int line)
 {
-	emu_task *t = cur();
-	check_spin_magic(lock, file, line);
-	if (__atomic_load_n(&lock->owner, __ATOMIC_RELAXED) == &t->task)
-		emu::violation(emu::site(file, line),
-			       std::string("spin lock recursion: already taken "
-					   "by this task at ") +
-			       emu::short_path(lock->file) + ":" +
-			       std::to_string(lock->line));
-	pthread_mutex_lock(raw(lock));
-	spin_taken(lock, t, file, line);
+	spin_lock_common(lock, 0, true, file, line);
+}
+
+extern "C" void emu_spin_lock_nested(spinlock_t *lock, int subclass,
+				     const char *file, int line)
+{
+	spin_lock_common(lock, subclass, true, file, line);
 }
 
 extern "C" int emu_spin_trylock(spinlock_t *lock, const char *file, int line)
@@ -207,22 +317,16 @@ extern "C" int emu_spin_trylock(spinlock_t *lock, const char *file, int line)
 	check_spin_magic(lock, file, line);
 	if (pthread_mutex_trylock(raw(lock)) != 0)
 		return 0;
+	emu::lockdep::acquire(lock, &lock->dep, emu::lockdep::Type::Spin,
+			      emu::lockdep::Exclusive, true, 0,
+			      emu::site(file, line));
 	spin_taken(lock, t, file, line);
 	return 1;
 }
 
 extern "C" void emu_spin_unlock(spinlock_t *lock, const char *file, int line)
 {
-	emu_task *t = cur();
-	check_spin_magic(lock, file, line);
-	if (__atomic_load_n(&lock->owner, __ATOMIC_RELAXED) != &t->task)
-		emu::violation(emu::site(file, line),
-			       "spin_unlock of a spin lock this task does not "
-			       "hold");
-	emu::held_remove(lock, LockKind::Spin);
-	t->spin_depth--;
-	__atomic_store_n(&lock->owner, nullptr, __ATOMIC_RELAXED);
-	pthread_mutex_unlock(raw(lock));
+	spin_unlock_common(lock, true, file, line);
 }
 
 extern "C" int emu_spin_is_locked(spinlock_t *lock)
@@ -247,6 +351,33 @@ static void check_rw_magic(rwlock_t *lock, const char *file, int line)
 			       "rwlock used before rwlock_init (bad magic)");
 }
 
+static void rw_validate(rwlock_t *lock, LockKind kind, bool trylock,
+			const char *file, int line)
+{
+	emu::lockdep::acquire(lock, &lock->dep, emu::lockdep::Type::Rwlock,
+			      kind == LockKind::RwWrite ? emu::lockdep::Exclusive
+			      : emu::lockdep::Recursive, trylock, 0,
+			      emu::site(file, line));
+}
+
+// Takes the host rwlock; waiting for it is blocking for the watchdog.
+static void rw_wait(rwlock_t *lock, bool write, const char *file, int line)
+{
+	auto *r = raw(lock);
+	if ((write ? pthread_rwlock_trywrlock(r) : pthread_rwlock_tryrdlock(r))
+	    == 0)
+		return;
+	emu::lockdep::Blocked blocked(
+		emu::site(file, line),
+		emu::lockdep::describe_lock(write ? "rwlock (write)"
+					    : "rwlock (read)", lock,
+					    &lock->dep));
+	if (write)
+		pthread_rwlock_wrlock(r);
+	else
+		pthread_rwlock_rdlock(r);
+}
+
 // The host rwlock has just been taken for reading or writing (`kind`).
 static void rw_taken(rwlock_t *lock, LockKind kind, const char *file, int line)
 {
@@ -266,6 +397,7 @@ static void rw_release(rwlock_t *lock, LockKind kind, const char *file,
 			       std::string(write ? "write" : "read") +
 			       "_unlock of an rwlock this task does not hold "
 			       "for " + (write ? "writing" : "reading"));
+	emu::lockdep::release(lock, emu::site(file, line));
 	if (write)
 		__atomic_store_n(&lock->writer, 0, __ATOMIC_RELAXED);
 	cur()->spin_depth--;
@@ -280,24 +412,56 @@ extern "C" void emu_rwlock_init(rwlock_t *lock)
 	lock->magic = RWLOCK_MAGIC;
 }
 
-extern "C" void emu_read_lock(rwlock_t *lock, const char *file, int line)
+extern "C" void emu_rwlock_init_key(rwlock_t *lock, const char *name,
+				    const char *file, int line)
+{
+	emu::check_no_held_lock_in(lock, sizeof(*lock), emu::site(file, line));
+	std::memset(lock, 0, sizeof(*lock));
+	lock->magic = RWLOCK_MAGIC;
+	emu::lockdep::init_key(&lock->dep, emu::lockdep::Type::Rwlock, name,
+			       file, line);
+}
+
+// read_lock/write_lock: a task that already holds the lock for writing
+// (or, for write_lock, at all) would wait for itself.
+static void rw_lock_common(rwlock_t *lock, bool write, const char *file,
+			   int line)
 {
 	check_rw_magic(lock, file, line);
-	if (emu::held_by_current(lock, LockKind::RwWrite))
+	if (emu::held_by_current(lock, LockKind::RwWrite) ||
+	    (write && emu::held_by_current(lock, LockKind::RwRead)))
 		emu::violation(emu::site(file, line),
-			       "read_lock of an rwlock this task holds for "
-			       "writing (deadlock)");
-	pthread_rwlock_rdlock(raw(lock));
-	rw_taken(lock, LockKind::RwRead, file, line);
+			       write ? "write_lock of an rwlock this task "
+				       "already holds (deadlock)"
+				     : "read_lock of an rwlock this task holds "
+				       "for writing (deadlock)");
+	const LockKind kind = write ? LockKind::RwWrite : LockKind::RwRead;
+	rw_validate(lock, kind, false, file, line);
+	rw_wait(lock, write, file, line);
+	rw_taken(lock, kind, file, line);
+}
+
+static int rw_trylock_common(rwlock_t *lock, bool write, const char *file,
+			     int line)
+{
+	check_rw_magic(lock, file, line);
+	if ((write ? pthread_rwlock_trywrlock(raw(lock))
+		   : pthread_rwlock_tryrdlock(raw(lock))) != 0)
+		return 0;
+	const LockKind kind = write ? LockKind::RwWrite : LockKind::RwRead;
+	rw_validate(lock, kind, true, file, line);
+	rw_taken(lock, kind, file, line);
+	return 1;
+}
+
+extern "C" void emu_read_lock(rwlock_t *lock, const char *file, int line)
+{
+	rw_lock_common(lock, false, file, line);
 }
 
 extern "C" int emu_read_trylock(rwlock_t *lock, const char *file, int line)
 {
-	check_rw_magic(lock, file, line);
-	if (pthread_rwlock_tryrdlock(raw(lock)) != 0)
-		return 0;
-	rw_taken(lock, LockKind::RwRead, file, line);
-	return 1;
+	return rw_trylock_common(lock, false, file, line);
 }
 
 extern "C" void emu_read_unlock(rwlock_t *lock, const char *file, int line)
@@ -307,23 +471,12 @@ extern "C" void emu_read_unlock(rwlock_t *lock, const char *file, int line)
 
 extern "C" void emu_write_lock(rwlock_t *lock, const char *file, int line)
 {
-	check_rw_magic(lock, file, line);
-	if (emu::held_by_current(lock, LockKind::RwWrite) ||
-	    emu::held_by_current(lock, LockKind::RwRead))
-		emu::violation(emu::site(file, line),
-			       "write_lock of an rwlock this task already "
-			       "holds (deadlock)");
-	pthread_rwlock_wrlock(raw(lock));
-	rw_taken(lock, LockKind::RwWrite, file, line);
+	rw_lock_common(lock, true, file, line);
 }
 
 extern "C" int emu_write_trylock(rwlock_t *lock, const char *file, int line)
 {
-	check_rw_magic(lock, file, line);
-	if (pthread_rwlock_trywrlock(raw(lock)) != 0)
-		return 0;
-	rw_taken(lock, LockKind::RwWrite, file, line);
-	return 1;
+	return rw_trylock_common(lock, true, file, line);
 }
 
 extern "C" void emu_write_unlock(rwlock_t *lock, const char *file, int line)

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "core.hpp"
+#include "checks.hpp"
 
 struct emu_page {
 	unsigned char *data = nullptr;   // this page's 4096 bytes
@@ -179,6 +180,7 @@ extern "C" void *emu_kmalloc(size_t size, gfp_t flags, const char *file,
 		emu::violation(s, "kmalloc with __GFP_HIGHMEM or __GFP_DMA32");
 	if (flags & __GFP_WAIT)
 		emu::check_may_sleep(s, "kmalloc");
+	emu::check_alloc_context(s, flags, "kmalloc");
 	if (size == 0)
 		return ZERO_SIZE_PTR;
 	if (emu::inject_failure(emu::Alloc::Kmalloc))
@@ -241,6 +243,7 @@ extern "C" void *emu_vmalloc(unsigned long size, int zero, const char *file,
 {
 	emu::Site s = emu::site(file, line);
 	emu::check_may_sleep(s, "vmalloc");
+	emu::check_alloc_context(s, GFP_KERNEL | __GFP_HIGHMEM, "vmalloc");
 	if (emu::inject_failure(emu::Alloc::Vmalloc))
 		return nullptr;
 	if (size == 0 || size > (1UL << 31))
@@ -277,6 +280,7 @@ extern "C" struct page *emu_alloc_pages(gfp_t gfp_mask, unsigned int order,
 	emu::Site s = emu::site(file, line);
 	if (gfp_mask & __GFP_WAIT)
 		emu::check_may_sleep(s, "alloc_pages");
+	emu::check_alloc_context(s, gfp_mask, "alloc_pages");
 	if (emu::inject_failure(emu::Alloc::Pages))
 		return nullptr;
 	if (order >= MAX_ORDER)
@@ -490,8 +494,9 @@ extern "C" void emu_kunmap(struct page *page, const char *file, int line)
 extern "C" void *emu_kmap_atomic(struct page *page, enum km_type idx,
 				 const char *file, int line)
 {
-	(void)idx;
 	emu::Site s = emu::site(file, line);
+	emu::kmap_atomic_slot_map(idx, live_page(page, s, "kmap_atomic")->data,
+				  s);
 	void *addr = map_page(page, s, "kmap_atomic");
 	emu_preempt_disable();
 	return addr;
@@ -500,8 +505,8 @@ extern "C" void *emu_kmap_atomic(struct page *page, enum km_type idx,
 extern "C" void emu_kunmap_atomic(void *kvaddr, enum km_type idx,
 				  const char *file, int line)
 {
-	(void)idx;
 	emu::Site s = emu::site(file, line);
+	emu::kmap_atomic_slot_unmap(idx, kvaddr, s);
 	struct page *page = emu_virt_to_page_or_null(kvaddr);
 	if (!page)
 		emu::violation(s, "kunmap_atomic of an address that is not a "

@@ -2,6 +2,7 @@
 #include <ctime>
 
 #include "core.hpp"
+#include "checks.hpp"
 
 namespace {
 
@@ -106,6 +107,7 @@ extern "C" void srandom32(u32 seed)
 extern "C" void emu_msleep(unsigned int msecs, const char *file, int line)
 {
 	emu::check_may_sleep(emu::site(file, line), "msleep");
+	emu::schedule_enables_irqs();
 	emu::Sleeping sleeping;
 	std::this_thread::sleep_for(std::chrono::milliseconds(msecs));
 }

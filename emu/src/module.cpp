@@ -1,9 +1,21 @@
 // The one module of the program: __this_module, its reference count and
 // state, and insmod/rmmod as 2.6.27's sys_init_module/sys_delete_module
 // (with O_NONBLOCK) do them.
+//
+// rmmod frees the module's code and data.  What still runs module code
+// then crashes the real kernel sooner or later, so unloading while one of
+// the module's kernel threads (a thread whose body lies in the module's
+// text) has not reached complete_and_exit()/do_exit(), or while a bio
+// whose bi_end_io lies in the module's text is in flight, is a violation.
+// After the unload the module's .data and .bss are filled with POISON_FREE
+// (0x6b): a late access reads poisoned pointers, counts and lock magics,
+// and crashes (under ASan with a report) or trips a lock check, instead of
+// reading plausible stale values.  The next load restores them.
 #include <map>
+#include <set>
 
 #include "core.hpp"
+#include "checks.hpp"
 #include "emu/module.hpp"
 
 // The driver's entry points, aliases made by module_init()/module_exit().
@@ -18,6 +30,8 @@ extern char __start_corvalin_data[] __attribute__((weak));
 extern char __stop_corvalin_data[] __attribute__((weak));
 extern char __start_corvalin_bss[] __attribute__((weak));
 extern char __stop_corvalin_bss[] __attribute__((weak));
+extern char __start_corvalin_text[] __attribute__((weak));
+extern char __stop_corvalin_text[] __attribute__((weak));
 }
 
 namespace {
@@ -26,6 +40,8 @@ struct ModuleState {
 	std::mutex m;
 	bool loaded = false;
 	std::multimap<std::string, std::string> info;
+	// The module's kernel threads not yet at complete_and_exit.
+	std::set<emu_task *> threads;
 };
 
 ModuleState &mstate()
@@ -46,10 +62,15 @@ void raw_copy(volatile char *dst, const volatile char *src, std::size_t n)
 
 __attribute__((no_sanitize_address, no_sanitize_thread,
 	       no_sanitize_undefined, __noinline__))
-void raw_zero(volatile char *dst, std::size_t n)
+void raw_fill(volatile char *dst, char c, std::size_t n)
 {
 	for (std::size_t i = 0; i < n; i++)
-		dst[i] = 0;
+		dst[i] = c;
+}
+
+void raw_zero(volatile char *dst, std::size_t n)
+{
+	raw_fill(dst, 0, n);
 }
 
 std::vector<char> &initial_data()
@@ -82,7 +103,89 @@ void fresh_module_data()
 				 __stop_corvalin_bss - __start_corvalin_bss));
 }
 
+std::atomic<bool> g_poisoned{false};
+
+// The module's data also holds what the build put there for the
+// sanitizers (AddressSanitizer's descriptors of the module's globals,
+// read again when the program exits): a program that ends with the module
+// unloaded gets the data back as loaded first, before those are read.
+void unpoison_at_exit()
+{
+	if (g_poisoned.load())
+		fresh_module_data();
+}
+
+// What rmmod leaves of the module's data: freed memory.
+void poison_module_data()
+{
+	static std::once_flag at_exit;
+	std::call_once(at_exit, [] { std::atexit(unpoison_at_exit); });
+	g_poisoned.store(true);
+	if (__start_corvalin_data && __stop_corvalin_data)
+		raw_fill(__start_corvalin_data, POISON_FREE, static_cast<
+				 std::size_t>(__stop_corvalin_data -
+					      __start_corvalin_data));
+	if (__start_corvalin_bss && __stop_corvalin_bss)
+		raw_fill(__start_corvalin_bss, POISON_FREE, static_cast<
+				 std::size_t>(__stop_corvalin_bss -
+					      __start_corvalin_bss));
+}
+
+// Fatal if module code may still run after the unload.
+void check_nothing_of_the_module_runs()
+{
+	std::vector<std::string> left;
+	{
+		std::lock_guard lk(mstate().m);
+		for (emu_task *t : mstate().threads)
+			left.push_back(std::string("kernel thread ") +
+				       t->task.comm + " (pid " +
+				       std::to_string(t->task.pid) +
+				       ", started at " +
+				       emu::to_string(t->started_at) +
+				       ") has not reached complete_and_exit");
+	}
+	for (auto &b : emu::module_bios_in_flight())
+		left.push_back(b + " is in flight with its bi_end_io in the "
+			       "module");
+	if (left.empty())
+		return;
+	std::string what = "module unloaded while its code may still run:";
+	for (auto &l : left)
+		what += " " + l + ";";
+	emu::violation(emu::Site{"rmmod", 0}, what);
+}
+
 }  // namespace
+
+namespace emu {
+
+bool in_module_text(const void *addr)
+{
+	if (!__start_corvalin_text || !__stop_corvalin_text)
+		return false;
+	auto a = reinterpret_cast<std::uintptr_t>(addr);
+	return a >= reinterpret_cast<std::uintptr_t>(__start_corvalin_text) &&
+		a < reinterpret_cast<std::uintptr_t>(__stop_corvalin_text);
+}
+
+void module_thread_started(emu_task *t, const void *fn)
+{
+	if (!in_module_text(fn))
+		return;
+	Invisible inv;
+	std::lock_guard lk(mstate().m);
+	mstate().threads.insert(t);
+}
+
+void module_thread_exiting(emu_task *t)
+{
+	Invisible inv;
+	std::lock_guard lk(mstate().m);
+	mstate().threads.erase(t);
+}
+
+}  // namespace emu
 
 extern "C" void emu_module_info(const char *tag, const char *info)
 {
@@ -155,6 +258,7 @@ int module_load()
 		if (!emu_init_module)
 			return -ENOENT;
 		fresh_module_data();
+		g_poisoned.store(false);
 		std::snprintf(__this_module.name, sizeof(__this_module.name),
 			      "%s", "corvalin");
 		__this_module.state = MODULE_STATE_COMING;
@@ -207,6 +311,8 @@ int module_unload()
 	}
 	if (emu_cleanup_module)
 		emu_cleanup_module();
+	check_nothing_of_the_module_runs();
+	poison_module_data();
 	std::lock_guard lk(mstate().m);
 	mstate().loaded = false;
 	return 0;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "core.hpp"
+#include "checks.hpp"
 #include "emu/log.hpp"
 
 namespace {
@@ -173,6 +174,9 @@ extern "C" void emu_warn_on(const char *file, int line, const char *function)
 	printk(KERN_WARNING "------------[ cut here ]------------\n");
 	printk(KERN_WARNING "WARNING: at %s:%d %s()\n", emu::short_path(file),
 	       line, function);
+	emu::record_warning(std::string("<4>WARNING: at ") +
+			    emu::short_path(file) + ":" + std::to_string(line) +
+			    " " + function + "()");
 }
 
 extern "C" void panic(const char *fmt, ...)

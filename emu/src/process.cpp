@@ -8,6 +8,7 @@
 #include <climits>
 
 #include "process_internal.hpp"
+#include "lockdep.hpp"
 
 namespace emu {
 
@@ -263,7 +264,7 @@ Process::Process(const char *comm) : impl_(std::make_unique<Impl>())
 	mm.task_size = TASK_SIZE;
 	atomic_set(&mm.mm_users, 1);
 	atomic_set(&mm.mm_count, 1);
-	emu_init_rwsem(&mm.mmap_sem);
+	emu_init_rwsem_key(&mm.mmap_sem, "&mm->mmap_sem", __FILE__, __LINE__);
 	impl_->pid = g_next_process_pid.fetch_add(1);
 	impl_->comm = comm;
 }
@@ -502,6 +503,7 @@ long Process::ioctl(int fd, unsigned cmd, unsigned long arg)
 		emu_unlock_kernel(__FILE__, __LINE__);
 	}
 	proc::fput(f);
+	lockdep::syscall_exit();
 	return error;
 }
 
@@ -548,6 +550,23 @@ long Process::write(int fd, uaddr buf, std::size_t count)
 {
 	return read_write(*impl_, fd, buf, count, FMODE_WRITE,
 			  &file_operations::write);
+}
+
+// do_fsync: the file's ->fsync, -EINVAL without one.
+int Process::fsync(int fd)
+{
+	if (impl_->dead)
+		return SYSCALL_KILLED;
+	Syscall sc(*impl_);
+	OpenFile *f = fget(*impl_, fd);
+	if (!f)
+		return -EBADF;
+	int ret = -EINVAL;
+	const struct file_operations *fops = f->file.f_op;
+	if (fops && fops->fsync)
+		ret = fops->fsync(&f->file, f->file.f_path.dentry, 0);
+	proc::fput(f);
+	return ret;
 }
 
 // do_pollfd with a zero timeout: ->poll gets no poll table; without ->poll

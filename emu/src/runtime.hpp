@@ -117,7 +117,8 @@ task_struct *current_task();
 // ---- context checks and sleeping --------------------------------------------
 
 // Every call that may sleep calls this first: fatal when the current task
-// holds a spin lock or has interrupts disabled.
+// holds a spin lock or is atomic; with interrupts disabled only, 2.6.27's
+// warning (warnings.cpp) and the task goes on.
 void might_sleep(Site site);
 
 int spin_locks_held();     // spin locks held by the current task
@@ -148,14 +149,43 @@ private:
 	int depth_;
 };
 
-// Waits on `cv` until pred() holds, releasing the BKL while blocked.  Returns
+// schedule() returns with interrupts enabled (warnings.cpp).
+void schedule_enables_irqs();
+
+// ---- hang watchdog (hang.cpp) ------------------------------------------------
+namespace lockdep {
+
+// Something happened that can unblock a task: a lock released, a task
+// woken, a completion, a bio ended.
+void note_progress();
+
+// The current task is blocked in an emulated wait for the scope's lifetime
+// (what the hang watchdog looks for); `what` says what it waits for.
+// Scopes nest (the outermost one describes the wait).
+class Blocked {
+public:
+	Blocked(Site site, std::string what);
+	~Blocked();
+	Blocked(const Blocked &) = delete;
+	Blocked &operator=(const Blocked &) = delete;
+};
+
+}  // namespace lockdep
+
+// Waits on `cv` until pred() holds, releasing the BKL while blocked (and,
+// as schedule() does, enabling interrupts if it blocks).  Returns
 // with `lk` locked, pred() true and the BKL (if the task held it) retaken.
-// Does not call might_sleep: the caller did.
+// Does not call might_sleep: the caller did.  The task is blocked for the
+// hang watchdog meanwhile (`what`: what it waits for).
 template <class Pred>
 void wait_until(std::unique_lock<std::mutex> &lk, std::condition_variable &cv,
-		Pred pred)
+		Pred pred, const char *what = "a runtime wait")
 {
+	if (pred())
+		return;
+	lockdep::Blocked blocked(Site{}, what);
 	while (!pred()) {
+		schedule_enables_irqs();
 		if (!bkl_held()) {
 			cv.wait(lk, pred);
 			return;
@@ -178,6 +208,21 @@ public:
 	~SoftirqContext();
 	SoftirqContext(const SoftirqContext &) = delete;
 	SoftirqContext &operator=(const SoftirqContext &) = delete;
+};
+
+// Runs the scope in hard-interrupt context, as an interrupt handler runs
+// (an IDE-style request completion): in_irq() is true, interrupts are
+// disabled, sleeping is fatal, and the lock validator records every lock
+// taken as taken in hard-interrupt context.
+class HardirqContext {
+public:
+	HardirqContext();
+	~HardirqContext();
+	HardirqContext(const HardirqContext &) = delete;
+	HardirqContext &operator=(const HardirqContext &) = delete;
+
+private:
+	bool irqs_were_off_;
 };
 
 // A real yield of the processor (what schedule() does for a running task);

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "core.hpp"
+#include "checks.hpp"
 
 namespace {
 
@@ -122,6 +123,13 @@ TaskScope::~TaskScope()
 	t_current = nullptr;
 }
 
+std::vector<emu_task *> all_tasks()
+{
+	Invisible inv;
+	std::lock_guard lk(tasks().m);
+	return tasks().all;
+}
+
 std::vector<std::string> running_threads(std::chrono::milliseconds timeout)
 {
 	TaskRegistry &r = tasks();
@@ -169,7 +177,7 @@ namespace {
 
 // The body of schedule() for a task that is not runnable: sleep until
 // woken.  Returns with the task TASK_RUNNING.
-void sleep_until_woken(emu_task *t)
+void sleep_until_woken(emu_task *t, emu::Site site)
 {
 	std::unique_lock lk(t->m);
 	long state = t->task.state;
@@ -182,8 +190,11 @@ void sleep_until_woken(emu_task *t)
 		return;
 	}
 	int depth = emu::bkl_release_for_sleep();
-	t->cv.wait(lk, [&] { return t->task.state == TASK_RUNNING; });
-	lk.unlock();
+	{
+		emu::lockdep::Blocked blocked(site, "a wake-up in schedule()");
+		t->cv.wait(lk, [&] { return t->task.state == TASK_RUNNING; });
+		lk.unlock();
+	}
 	emu::bkl_reacquire_after_sleep(depth);
 }
 
@@ -193,6 +204,7 @@ extern "C" void emu_schedule(const char *file, int line)
 {
 	emu_task *t = cur();
 	emu::check_may_sleep(emu::site(file, line), "schedule");
+	emu::schedule_enables_irqs();
 	bool running;
 	{
 		std::lock_guard lk(t->m);
@@ -202,7 +214,7 @@ extern "C" void emu_schedule(const char *file, int line)
 		emu::yield_cpu();
 		return;
 	}
-	sleep_until_woken(t);
+	sleep_until_woken(t, emu::site(file, line));
 }
 
 extern "C" signed long emu_schedule_timeout(signed long timeout,
@@ -210,6 +222,7 @@ extern "C" signed long emu_schedule_timeout(signed long timeout,
 {
 	emu_task *t = cur();
 	emu::check_may_sleep(emu::site(file, line), "schedule_timeout");
+	emu::schedule_enables_irqs();
 	if (timeout == MAX_SCHEDULE_TIMEOUT) {
 		emu_schedule(file, line);
 		return timeout;
@@ -256,6 +269,7 @@ extern "C" void yield(void)
 {
 	emu_task *t = cur();
 	emu::check_may_sleep(emu::Site{__FILE__, __LINE__}, "yield");
+	emu::schedule_enables_irqs();
 	emu_set_current_state(TASK_RUNNING);
 	(void)t;
 	emu::yield_cpu();
@@ -271,6 +285,7 @@ namespace {
 // try_to_wake_up(): wake `t` if its state is in `mode`.
 int try_to_wake_up(emu_task *t, long mode)
 {
+	emu::lockdep::note_progress();
 	std::lock_guard lk(t->m);
 	if (!(t->task.state & mode))
 		return 0;
@@ -416,6 +431,7 @@ void thread_main(ThreadStart start)
 	// has no destructors to skip.
 	if (setjmp(t->exit_jmp) == 0)
 		t->task.exit_code = start.fn(start.arg);
+	emu::module_thread_exiting(t);   // returned: in the kernel's code now
 	thread_exit_checks(t);
 	t->mm_ref.reset();
 	{
@@ -458,6 +474,7 @@ extern "C" int emu_kernel_thread(int (*fn)(void *), void *arg,
 		std::lock_guard lk(tasks().m);
 		tasks().kthreads.push_back(t);
 	}
+	emu::module_thread_started(t, reinterpret_cast<const void *>(fn));
 	std::thread(thread_main, ThreadStart{fn, arg, t}).detach();
 	return t->task.pid;
 }
@@ -470,11 +487,13 @@ extern "C" void emu_do_exit(long code)
 			       "do_exit from a task that is not a kernel "
 			       "thread");
 	t->task.exit_code = static_cast<int>(code);
+	emu::module_thread_exiting(t);
 	std::longjmp(t->exit_jmp, 1);
 }
 
 extern "C" void emu_complete_and_exit(struct completion *comp, long code)
 {
+	emu::module_thread_exiting(cur());   // the rest runs in the kernel
 	if (comp)
 		complete(comp);
 	emu_do_exit(code);

@@ -4,9 +4,12 @@
 // FIFO list of waiters on the waiters' stacks; a release hands the lock
 // directly to the waiter at the head and wakes it with wake_up_process().
 #include "core.hpp"
+#include "checks.hpp"
+#include "lockdep.hpp"
 
 using emu::cur;
 using emu::LockKind;
+namespace ld = emu::lockdep;
 
 namespace {
 
@@ -19,18 +22,18 @@ struct IrqLock {
 	unsigned long flags;
 	IrqLock(spinlock_t *l, const char *f, int n) : lock(l), file(f), line(n)
 	{
-		flags = emu_local_irq_save();
-		emu_spin_lock(lock, file, line);
+		flags = emu_local_irq_save_at(file, line);
+		emu::raw_spin_lock(lock, file, line);
 	}
 	void unlock()
 	{
-		emu_spin_unlock(lock, file, line);
+		emu::raw_spin_unlock(lock, file, line);
 		emu_local_irq_restore(flags, file, line);
 	}
 	void relock()
 	{
-		flags = emu_local_irq_save();
-		emu_spin_lock(lock, file, line);
+		flags = emu_local_irq_save_at(file, line);
+		emu::raw_spin_lock(lock, file, line);
 	}
 	IrqLock(const IrqLock &) = delete;
 	IrqLock &operator=(const IrqLock &) = delete;
@@ -83,11 +86,17 @@ struct semaphore_waiter {
 	int up;
 };
 
-extern "C" void sema_init(struct semaphore *sem, int val)
+// A semaphore initialised to 1 is validated as a lock until an up() by a
+// task that does not hold it shows that its class is a signal (see
+// lockdep.cpp); any other count makes the class a signal at once.
+extern "C" void emu_sema_init_key(struct semaphore *sem, int val,
+				  const char *name, const char *file, int line)
 {
 	emu_spin_lock_init(&sem->lock);
 	sem->count = static_cast<unsigned int>(val);
 	INIT_LIST_HEAD(&sem->wait_list);
+	ld::init_key(&sem->dep, ld::Type::Sem, name, file, line,
+		     val == 1 ? 0 : EMU_LOCK_KEY_SIGNAL);
 }
 
 namespace {
@@ -126,13 +135,21 @@ int down_state(struct semaphore *sem, long state, const char *what,
 {
 	check_initialised(sem, file, line);
 	emu::check_may_sleep(emu::site(file, line), what);
+	ld::acquire(sem, &sem->dep, ld::Type::Sem, ld::Exclusive, false, 0,
+		    emu::site(file, line));
 	IrqLock lk(&sem->lock, file, line);
 	int result = 0;
-	if (sem->count > 0)
+	if (sem->count > 0) {
 		sem->count--;
-	else
+	} else {
+		ld::Blocked blocked(emu::site(file, line),
+				    ld::describe_lock("semaphore", sem,
+						      &sem->dep));
 		result = down_common(sem, state, lk);
+	}
 	lk.unlock();
+	if (result)
+		ld::release(sem, emu::site(file, line));
 	return result;
 }
 
@@ -165,12 +182,16 @@ extern "C" int emu_down_trylock(struct semaphore *sem, const char *file,
 	if (count >= 0)
 		sem->count = static_cast<unsigned int>(count);
 	lk.unlock();
+	if (count >= 0)
+		ld::acquire(sem, &sem->dep, ld::Type::Sem, ld::Exclusive, true,
+			    0, emu::site(file, line));
 	return count < 0;
 }
 
 extern "C" void emu_up(struct semaphore *sem, const char *file, int line)
 {
 	check_initialised(sem, file, line);
+	ld::sem_up(sem, &sem->dep, emu::site(file, line));
 	IrqLock lk(&sem->lock, file, line);
 	if (list_empty(&sem->wait_list)) {
 		sem->count++;
@@ -182,6 +203,7 @@ extern "C" void emu_up(struct semaphore *sem, const char *file, int line)
 		wake_up_process(waiter->task);
 	}
 	lk.unlock();
+	emu::race_window("up", emu::site(file, line));
 }
 
 // ---- reader/writer semaphores --------------------------------------------------
@@ -200,6 +222,17 @@ extern "C" void emu_init_rwsem(struct rw_semaphore *sem)
 	sem->activity = 0;
 	emu_spin_lock_init(&sem->wait_lock);
 	INIT_LIST_HEAD(&sem->wait_list);
+	ld::init_key(&sem->dep, ld::Type::Rwsem, nullptr, nullptr, 0);
+}
+
+extern "C" void emu_init_rwsem_key(struct rw_semaphore *sem, const char *name,
+				   const char *file, int line)
+{
+	emu::check_no_held_lock_in(sem, sizeof(*sem), emu::site(file, line));
+	sem->activity = 0;
+	emu_spin_lock_init(&sem->wait_lock);
+	INIT_LIST_HEAD(&sem->wait_list);
+	ld::init_key(&sem->dep, ld::Type::Rwsem, name, file, line);
 }
 
 namespace {
@@ -248,6 +281,11 @@ void rwsem_wait(struct rw_semaphore *sem, unsigned int flags, IrqLock &lk)
 	waiter.task = current;
 	waiter.flags = flags;
 	list_add_tail(&waiter.list, &sem->wait_list);
+	ld::Blocked blocked(emu::site(lk.file, lk.line),
+			    ld::describe_lock(flags & RWSEM_WAITING_FOR_WRITE
+					      ? "rw_semaphore (write)"
+					      : "rw_semaphore (read)", sem,
+					      &sem->dep));
 	for (;;) {
 		emu_set_current_state(TASK_UNINTERRUPTIBLE);
 		lk.unlock();
@@ -287,6 +325,10 @@ int rwsem_trylock(struct rw_semaphore *sem, bool write, const char *file,
 	bool granted = write ? rwsem_grant_write(sem) : rwsem_grant_read(sem);
 	lk.unlock();
 	if (granted)
+		ld::acquire(sem, &sem->dep, ld::Type::Rwsem,
+			    write ? ld::Exclusive : ld::Shared, true, 0,
+			    emu::site(file, line));
+	if (granted)
 		emu::held_add(sem, write ? LockKind::RwsemWrite
 				: LockKind::RwsemRead, emu::site(file, line));
 	return granted;
@@ -307,8 +349,12 @@ void rwsem_release_write(struct rw_semaphore *sem, int activity,
 			       "held for writing");
 	}
 	emu::held_remove(sem, LockKind::RwsemWrite);
-	if (activity)
+	if (activity) {
 		emu::held_add(sem, LockKind::RwsemRead, emu::site(file, line));
+		ld::downgrade(sem);
+	} else {
+		ld::release(sem, emu::site(file, line));
+	}
 	sem->activity = activity;
 	if (!list_empty(&sem->wait_list))
 		rwsem_do_wake(sem, activity == 0);
@@ -317,8 +363,10 @@ void rwsem_release_write(struct rw_semaphore *sem, int activity,
 
 }  // namespace
 
-extern "C" void emu_down_read(struct rw_semaphore *sem, const char *file,
-			      int line)
+namespace {
+
+void down_read_common(struct rw_semaphore *sem, int subclass,
+		      const char *file, int line)
 {
 	check_initialised(sem, file, line);
 	emu::check_may_sleep(emu::site(file, line), "down_read");
@@ -326,6 +374,8 @@ extern "C" void emu_down_read(struct rw_semaphore *sem, const char *file,
 		emu::violation(emu::site(file, line),
 			       "down_read of an rw_semaphore this task holds "
 			       "for writing (deadlock)");
+	ld::acquire(sem, &sem->dep, ld::Type::Rwsem, ld::Shared, false,
+		    subclass, emu::site(file, line));
 	IrqLock lk(&sem->wait_lock, file, line);
 	if (rwsem_grant_read(sem)) {
 		lk.unlock();
@@ -339,6 +389,46 @@ extern "C" void emu_down_read(struct rw_semaphore *sem, const char *file,
 	emu::held_add(sem, LockKind::RwsemRead, emu::site(file, line));
 }
 
+void down_write_common(struct rw_semaphore *sem, int subclass,
+		       const char *file, int line)
+{
+	check_initialised(sem, file, line);
+	emu::check_may_sleep(emu::site(file, line), "down_write");
+	if (emu::held_by_current(sem, LockKind::RwsemWrite) ||
+	    emu::held_by_current(sem, LockKind::RwsemRead))
+		emu::violation(emu::site(file, line),
+			       "down_write of an rw_semaphore this task "
+			       "already holds (deadlock)");
+	ld::acquire(sem, &sem->dep, ld::Type::Rwsem, ld::Exclusive, false,
+		    subclass, emu::site(file, line));
+	IrqLock lk(&sem->wait_lock, file, line);
+	if (rwsem_grant_write(sem))
+		lk.unlock();
+	else
+		rwsem_wait(sem, RWSEM_WAITING_FOR_WRITE, lk);
+	emu::held_add(sem, LockKind::RwsemWrite, emu::site(file, line));
+}
+
+}  // namespace
+
+extern "C" void emu_down_read(struct rw_semaphore *sem, const char *file,
+			      int line)
+{
+	down_read_common(sem, 0, file, line);
+}
+
+extern "C" void emu_down_read_nested(struct rw_semaphore *sem, int subclass,
+				     const char *file, int line)
+{
+	down_read_common(sem, subclass, file, line);
+}
+
+extern "C" void emu_down_write_nested(struct rw_semaphore *sem, int subclass,
+				      const char *file, int line)
+{
+	down_write_common(sem, subclass, file, line);
+}
+
 extern "C" int emu_down_read_trylock(struct rw_semaphore *sem,
 				     const char *file, int line)
 {
@@ -348,19 +438,7 @@ extern "C" int emu_down_read_trylock(struct rw_semaphore *sem,
 extern "C" void emu_down_write(struct rw_semaphore *sem, const char *file,
 			       int line)
 {
-	check_initialised(sem, file, line);
-	emu::check_may_sleep(emu::site(file, line), "down_write");
-	if (emu::held_by_current(sem, LockKind::RwsemWrite) ||
-	    emu::held_by_current(sem, LockKind::RwsemRead))
-		emu::violation(emu::site(file, line),
-			       "down_write of an rw_semaphore this task "
-			       "already holds (deadlock)");
-	IrqLock lk(&sem->wait_lock, file, line);
-	if (rwsem_grant_write(sem))
-		lk.unlock();
-	else
-		rwsem_wait(sem, RWSEM_WAITING_FOR_WRITE, lk);
-	emu::held_add(sem, LockKind::RwsemWrite, emu::site(file, line));
+	down_write_common(sem, 0, file, line);
 }
 
 extern "C" int emu_down_write_trylock(struct rw_semaphore *sem,
@@ -381,6 +459,7 @@ extern "C" void emu_up_read(struct rw_semaphore *sem, const char *file,
 			       "reading");
 	}
 	emu::held_remove(sem, LockKind::RwsemRead);
+	ld::release(sem, emu::site(file, line));
 	if (--sem->activity == 0 && !list_empty(&sem->wait_list)) {
 		// __rwsem_wake_one_writer(): only writers wait behind
 		// readers that hold the semaphore.
@@ -395,6 +474,7 @@ extern "C" void emu_up_write(struct rw_semaphore *sem, const char *file,
 			     int line)
 {
 	rwsem_release_write(sem, 0, "up_write", file, line);
+	emu::race_window("up_write", emu::site(file, line));
 }
 
 extern "C" void emu_downgrade_write(struct rw_semaphore *sem,
@@ -428,6 +508,14 @@ extern "C" void emu_mutex_init(struct mutex *lock)
 	lock->owner = nullptr;
 	lock->file = nullptr;
 	lock->line = 0;
+	ld::init_key(&lock->dep, ld::Type::Mutex, nullptr, nullptr, 0);
+}
+
+extern "C" void emu_mutex_init_key(struct mutex *lock, const char *name,
+				   const char *file, int line)
+{
+	emu_mutex_init(lock);
+	ld::init_key(&lock->dep, ld::Type::Mutex, name, file, line);
 }
 
 namespace {
@@ -440,8 +528,8 @@ void mutex_taken(struct mutex *lock, const char *file, int line)
 	emu::held_add(lock, LockKind::Mutex, emu::site(file, line));
 }
 
-int mutex_lock_common(struct mutex *lock, long state, const char *what,
-		      const char *file, int line)
+int mutex_lock_common(struct mutex *lock, long state, int subclass,
+		      const char *what, const char *file, int line)
 {
 	check_initialised(lock, file, line);
 	emu::check_may_sleep(emu::site(file, line), what);
@@ -451,6 +539,8 @@ int mutex_lock_common(struct mutex *lock, long state, const char *what,
 			       ": already taken by this task at " +
 			       emu::short_path(lock->file) + ":" +
 			       std::to_string(lock->line));
+	ld::acquire(lock, &lock->dep, ld::Type::Mutex, ld::Exclusive, false,
+		    subclass, emu::site(file, line));
 	IrqLock lk(&lock->wait_lock, file, line);
 	if (atomic_read(&lock->count) == 1) {
 		atomic_set(&lock->count, 0);
@@ -463,6 +553,12 @@ int mutex_lock_common(struct mutex *lock, long state, const char *what,
 	waiter.granted = 0;
 	list_add_tail(&waiter.list, &lock->wait_list);
 	atomic_set(&lock->count, -1);
+	task_struct *owner = __atomic_load_n(&lock->owner, __ATOMIC_RELAXED);
+	std::string what_for = ld::describe_lock("mutex", lock, &lock->dep);
+	if (owner)
+		what_for += std::string(", held by ") + owner->comm + "/" +
+			std::to_string(owner->pid);
+	ld::Blocked blocked(emu::site(file, line), std::move(what_for));
 	for (;;) {
 		if ((state & TASK_INTERRUPTIBLE) && signal_pending(current)) {
 			list_del(&waiter.list);
@@ -470,6 +566,7 @@ int mutex_lock_common(struct mutex *lock, long state, const char *what,
 				atomic_set(&lock->count, 0);
 			lk.unlock();
 			emu_set_current_state(TASK_RUNNING);
+			ld::release(lock, emu::site(file, line));
 			return -EINTR;
 		}
 		emu_set_current_state(state);
@@ -489,13 +586,21 @@ int mutex_lock_common(struct mutex *lock, long state, const char *what,
 
 extern "C" void emu_mutex_lock(struct mutex *lock, const char *file, int line)
 {
-	mutex_lock_common(lock, TASK_UNINTERRUPTIBLE, "mutex_lock", file, line);
+	mutex_lock_common(lock, TASK_UNINTERRUPTIBLE, 0, "mutex_lock", file,
+			  line);
+}
+
+extern "C" void emu_mutex_lock_nested(struct mutex *lock, int subclass,
+				      const char *file, int line)
+{
+	mutex_lock_common(lock, TASK_UNINTERRUPTIBLE, subclass, "mutex_lock",
+			  file, line);
 }
 
 extern "C" int emu_mutex_lock_interruptible(struct mutex *lock,
 					    const char *file, int line)
 {
-	return mutex_lock_common(lock, TASK_INTERRUPTIBLE,
+	return mutex_lock_common(lock, TASK_INTERRUPTIBLE, 0,
 				 "mutex_lock_interruptible", file, line);
 }
 
@@ -508,8 +613,11 @@ extern "C" int emu_mutex_trylock(struct mutex *lock, const char *file,
 	if (taken)
 		atomic_set(&lock->count, 0);
 	lk.unlock();
-	if (taken)
+	if (taken) {
+		ld::acquire(lock, &lock->dep, ld::Type::Mutex, ld::Exclusive,
+			    true, 0, emu::site(file, line));
 		mutex_taken(lock, file, line);
+	}
 	return taken;
 }
 
@@ -522,6 +630,7 @@ extern "C" void emu_mutex_unlock(struct mutex *lock, const char *file,
 			       "mutex_unlock of a mutex this task does not "
 			       "hold");
 	emu::held_remove(lock, LockKind::Mutex);
+	ld::release(lock, emu::site(file, line));
 	__atomic_store_n(&lock->owner, nullptr, __ATOMIC_RELAXED);
 	IrqLock lk(&lock->wait_lock, file, line);
 	if (list_empty(&lock->wait_list)) {

@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "core.hpp"
+#include "checks.hpp"
 
 struct kmem_cache {
 	const char *name;          // the creator's string, as in the kernel
@@ -113,6 +114,7 @@ extern "C" void *emu_kmem_cache_alloc(struct kmem_cache *cachep, gfp_t flags,
 			       "__GFP_DMA32");
 	if (flags & __GFP_WAIT)
 		emu::check_may_sleep(s, "kmem_cache_alloc");
+	emu::check_alloc_context(s, flags, "kmem_cache_alloc");
 	if (emu::inject_failure(emu::Alloc::Slab))
 		return nullptr;
 	size_t align = cachep->align > 16 ? cachep->align : 16;

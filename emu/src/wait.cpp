@@ -1,6 +1,7 @@
 // Wait queues and completions, as 2.6.27's kernel/wait.c and the
 // completion functions of kernel/sched.c.
 #include "core.hpp"
+#include "checks.hpp"
 
 using emu::cur;
 
@@ -129,6 +130,7 @@ extern "C" void __wake_up(wait_queue_head_t *q, unsigned int mode, int nr,
 	unsigned long flags = lock_irqsave(&q->lock);
 	wake_up_common(q, mode, nr, 0, key);
 	unlock_irqrestore(&q->lock, flags);
+	emu::race_window("wake_up");
 }
 
 extern "C" void __wake_up_locked(wait_queue_head_t *q, unsigned int mode)
@@ -144,6 +146,7 @@ extern "C" void complete(struct completion *x)
 	x->done++;
 	wake_up_common(&x->wait, TASK_NORMAL, 1, 0, nullptr);
 	unlock_irqrestore(&x->wait.lock, flags);
+	emu::race_window("complete");
 }
 
 extern "C" void complete_all(struct completion *x)
@@ -152,6 +155,7 @@ extern "C" void complete_all(struct completion *x)
 	x->done += UINT_MAX / 2;
 	wake_up_common(&x->wait, TASK_NORMAL, 0, 0, nullptr);
 	unlock_irqrestore(&x->wait.lock, flags);
+	emu::race_window("complete_all");
 }
 
 namespace {
@@ -165,7 +169,9 @@ int wait_for_common(struct completion *x, long state, const char *what,
 		emu::violation(emu::site(file, line),
 			       "completion used before init_completion");
 	emu::check_may_sleep(emu::site(file, line), what);
-	unsigned long flags = emu_local_irq_save();
+	// spin_lock_irq/spin_unlock_irq, as 2.6.27: the caller comes back
+	// with interrupts enabled, whatever it had before.
+	emu_local_irq_disable();
 	emu_spin_lock(&x->wait.lock, file, line);
 	if (!x->done) {
 		DECLARE_WAITQUEUE(wait, current);
@@ -176,21 +182,21 @@ int wait_for_common(struct completion *x, long state, const char *what,
 			if (signal_pending_state(state, current)) {
 				__remove_wait_queue(&x->wait, &wait);
 				emu_spin_unlock(&x->wait.lock, file, line);
-				emu_local_irq_restore(flags, file, line);
+				emu_local_irq_enable(file, line);
 				return -ERESTARTSYS;
 			}
 			emu_set_current_state(state);
 			emu_spin_unlock(&x->wait.lock, file, line);
-			emu_local_irq_restore(flags, file, line);
+			emu_local_irq_enable(file, line);
 			emu_schedule(file, line);
-			flags = emu_local_irq_save();
+			emu_local_irq_disable();
 			emu_spin_lock(&x->wait.lock, file, line);
 		} while (!x->done);
 		__remove_wait_queue(&x->wait, &wait);
 	}
 	x->done--;
 	emu_spin_unlock(&x->wait.lock, file, line);
-	emu_local_irq_restore(flags, file, line);
+	emu_local_irq_enable(file, line);
 	return 0;
 }
 

@@ -12,8 +12,20 @@
 
 #include <linux/compiler.h>
 #include <linux/irqflags.h>
+#include <linux/emu_runtime.h>
 
-#define mb()	__asm__ __volatile__("mfence" : : : "memory")
+/*
+ * CUSTOMISED: mb() is a call into the runtime.  Besides the fence it tells
+ * ThreadSanitizer what x86 guarantees: what a CPU stored before a full
+ * barrier is seen by any CPU after its next locked instruction (the
+ * emulated spin locks count as one).  The driver publishes its state words
+ * that way (store, then mb(); read without a lock, then lock).
+ */
+EMU_BEGIN_DECLS
+void emu_full_barrier(void);
+EMU_END_DECLS
+
+#define mb()	emu_full_barrier()
 #define rmb()	__asm__ __volatile__("lfence" : : : "memory")
 #define wmb()	__asm__ __volatile__("sfence" : : : "memory")
 #define read_barrier_depends()		do { } while (0)

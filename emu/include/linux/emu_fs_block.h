@@ -36,6 +36,7 @@
 #include <linux/semaphore.h>
 #include <asm/atomic.h>
 #include <linux/emu_runtime.h>
+#include <asm/ioctl.h>
 
 struct inode;
 struct dentry;
@@ -63,6 +64,12 @@ struct super_operations;
 #define SWRITE_SYNC	(SWRITE | (1 << BIO_RW_SYNC))
 #define WRITE_BARRIER	((1 << BIO_RW) | (1 << BIO_RW_BARRIER))
 #endif
+
+/* Block device ioctls (the ones the emulated block nodes answer). */
+#define BLKRRPART	_IO(0x12,95)	/* re-read partition table */
+#define BLKFLSBUF	_IO(0x12,97)	/* flush buffer cache */
+/* _IOR(0x12,114,size_t) with i386's 4-byte size_t */
+#define BLKGETSIZE64	_IOC(_IOC_READ,0x12,114,4)
 
 #ifndef MS_RDONLY
 #define MS_RDONLY	 1	/* Mount read-only */

@@ -43,4 +43,25 @@ struct emu_raw_lock {
 	unsigned long long opaque[6];
 };
 
+/*
+ * The lock validator's key of a lock (lockdep's lock_class_key): where the
+ * lock was initialised (spin_lock_init, mutex_init, init_rwsem, sema_init
+ * or a static initialiser such as DEFINE_SPINLOCK), and the expression
+ * that named it.  Every lock initialised at one site belongs to one class;
+ * `cls` caches the class once the runtime has resolved it (0: not yet).
+ * A lock that is all-zero memory (kzalloc'ed) has no site: its class is
+ * the site of its first acquisition.  `flags` bit 0 marks a semaphore that
+ * is a signal rather than a lock (initialised with a count other than 1).
+ */
+struct emu_lock_key {
+	const char *name;
+	const char *file;
+	int line;
+	int cls;
+	int flags;
+};
+
+#define EMU_LOCK_KEY_INIT(lockname)	{ #lockname, __FILE__, __LINE__, 0, 0 }
+#define EMU_LOCK_KEY_SIGNAL	1
+
 #endif /* _LINUX_EMU_RUNTIME_H */

@@ -8,7 +8,11 @@
  * enabled) and disables; local_irq_restore() puts the saved state back.
  * Nothing is masked for real (completions arrive from other threads); the
  * state feeds the context checks: sleeping with interrupts disabled is
- * fatal.
+ * fatal, and the lock validator records in which interrupt state each
+ * lock is taken.  local_irq_save() opens an "irqsave region" until the
+ * matching local_irq_restore(); local_irq_enable() (spin_unlock_irq)
+ * inside one is reported: the caller's caller expected interrupts to stay
+ * off.
  */
 #ifndef _LINUX_TRACE_IRQFLAGS_H
 #define _LINUX_TRACE_IRQFLAGS_H
@@ -20,6 +24,7 @@
 
 EMU_BEGIN_DECLS
 unsigned long emu_local_irq_save(void);
+unsigned long emu_local_irq_save_at(EMU_SITE_PARAMS);
 void emu_local_irq_restore(unsigned long flags, EMU_SITE_PARAMS);
 void emu_local_irq_disable(void);
 void emu_local_irq_enable(EMU_SITE_PARAMS);
@@ -29,7 +34,7 @@ EMU_END_DECLS
 #define local_irq_save(flags)				\
 	do {						\
 		typecheck(unsigned long, flags);	\
-		(flags) = emu_local_irq_save();		\
+		(flags) = emu_local_irq_save_at(EMU_SITE); \
 	} while (0)
 #define local_irq_restore(flags)			\
 	do {						\

@@ -7,6 +7,8 @@
  * mutex_trylock returns 1 when taken; mutex_lock_interruptible returns
  * -EINTR on a pending signal.  CUSTOMISED: the checks are fatal with the
  * call site; the sleeping forms call might_sleep().
+ * The runtime's lock validator checks their order and recursion (see
+ * linux/spinlock.h); the initialisers record their site in `dep` for it.
  */
 #ifndef __LINUX_MUTEX_H
 #define __LINUX_MUTEX_H
@@ -26,30 +28,35 @@ struct mutex {
 	struct task_struct	*owner;
 	const char		*file;	/* where the owner took it */
 	int			line;
+	struct emu_lock_key	dep;	/* lock validator class */
 };
 
 #define __MUTEX_INITIALIZER(lockname) \
 		{ .count = ATOMIC_INIT(1) \
 		, .wait_lock = __SPIN_LOCK_UNLOCKED(lockname.wait_lock) \
 		, .wait_list = LIST_HEAD_INIT(lockname.wait_list) \
-		, .owner = NULL, .file = NULL, .line = 0 }
+		, .owner = NULL, .file = NULL, .line = 0 \
+		, .dep = EMU_LOCK_KEY_INIT(lockname) }
 
 #define DEFINE_MUTEX(mutexname) \
 	struct mutex mutexname = __MUTEX_INITIALIZER(mutexname)
 
 EMU_BEGIN_DECLS
 void emu_mutex_init(struct mutex *lock);
+void emu_mutex_init_key(struct mutex *lock, const char *name, EMU_SITE_PARAMS);
 void emu_mutex_lock(struct mutex *lock, EMU_SITE_PARAMS);
+void emu_mutex_lock_nested(struct mutex *lock, int subclass, EMU_SITE_PARAMS);
 int emu_mutex_lock_interruptible(struct mutex *lock, EMU_SITE_PARAMS);
 int emu_mutex_trylock(struct mutex *lock, EMU_SITE_PARAMS);
 void emu_mutex_unlock(struct mutex *lock, EMU_SITE_PARAMS);
 int emu_mutex_is_locked(struct mutex *lock);
 EMU_END_DECLS
 
-#define mutex_init(mutex)		emu_mutex_init(mutex)
+#define mutex_init(mutex)		emu_mutex_init_key((mutex), #mutex, EMU_SITE)
 #define mutex_destroy(mutex)		do { } while (0)
 #define mutex_lock(lock)		emu_mutex_lock((lock), EMU_SITE)
-#define mutex_lock_nested(lock, subclass) mutex_lock(lock)
+#define mutex_lock_nested(lock, subclass) \
+	emu_mutex_lock_nested((lock), (subclass), EMU_SITE)
 #define mutex_lock_interruptible(lock) \
 	emu_checked_mutex(emu_mutex_lock_interruptible((lock), EMU_SITE))
 #define mutex_lock_killable(lock)	mutex_lock_interruptible(lock)

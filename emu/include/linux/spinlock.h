@@ -15,6 +15,10 @@
  * spin_lock_irqsave saves the task's interrupt state in `flags` exactly as
  * x86 saves EFLAGS, and spin_unlock_irqrestore restores it.
  *
+ * Every lock is also checked by the runtime's lock validator (lockdep's
+ * rules: classes by initialisation site, lock order, interrupt safety);
+ * the initialisers record their site in `dep` for it.
+ *
  * rwlock_t is the kernel's reader/writer spin lock: readers may share it,
  * and, as in 2.6.27, a new reader is admitted while a writer waits.
  */
@@ -27,6 +31,7 @@
 #include <linux/kernel.h>
 #include <linux/irqflags.h>
 #include <linux/emu_runtime.h>
+#include <linux/lockdep.h>
 #include <asm/system.h>
 #include <asm/atomic.h>
 
@@ -41,6 +46,7 @@ typedef struct {
 	struct task_struct *owner;	/* read and written atomically */
 	const char *file;		/* where the owner took it */
 	int line;
+	struct emu_lock_key dep;	/* lock validator class */
 } spinlock_t;
 
 /* Storage for a host reader/writer lock; all-zero bytes are unlocked. */
@@ -52,28 +58,34 @@ typedef struct {
 	struct emu_raw_rwlock raw;
 	unsigned int magic;
 	int writer;			/* held for writing */
+	struct emu_lock_key dep;	/* lock validator class */
 } rwlock_t;
 
 #define __SPIN_LOCK_UNLOCKED(lockname)					\
 	{ .raw = { { 0 } }, .magic = SPINLOCK_MAGIC, .owner = NULL,	\
-	  .file = NULL, .line = 0 }
+	  .file = NULL, .line = 0, .dep = EMU_LOCK_KEY_INIT(lockname) }
 #define SPIN_LOCK_UNLOCKED	(spinlock_t) __SPIN_LOCK_UNLOCKED(old_style_spin_init)
 #define DEFINE_SPINLOCK(x)	spinlock_t x = __SPIN_LOCK_UNLOCKED(x)
 
 #define __RW_LOCK_UNLOCKED(lockname)					\
-	{ .raw = { { 0 } }, .magic = RWLOCK_MAGIC, .writer = 0 }
+	{ .raw = { { 0 } }, .magic = RWLOCK_MAGIC, .writer = 0,		\
+	  .dep = EMU_LOCK_KEY_INIT(lockname) }
 #define RW_LOCK_UNLOCKED	(rwlock_t) __RW_LOCK_UNLOCKED(old_style_rw_init)
 #define DEFINE_RWLOCK(x)	rwlock_t x = __RW_LOCK_UNLOCKED(x)
 
 EMU_BEGIN_DECLS
 void emu_spin_lock_init(spinlock_t *lock);
+void emu_spin_lock_init_key(spinlock_t *lock, const char *name,
+			    EMU_SITE_PARAMS);
 void emu_spin_lock(spinlock_t *lock, EMU_SITE_PARAMS);
+void emu_spin_lock_nested(spinlock_t *lock, int subclass, EMU_SITE_PARAMS);
 int emu_spin_trylock(spinlock_t *lock, EMU_SITE_PARAMS);
 void emu_spin_unlock(spinlock_t *lock, EMU_SITE_PARAMS);
 int emu_spin_is_locked(spinlock_t *lock);
 void emu_spin_unlock_wait(spinlock_t *lock, EMU_SITE_PARAMS);
 
 void emu_rwlock_init(rwlock_t *lock);
+void emu_rwlock_init_key(rwlock_t *lock, const char *name, EMU_SITE_PARAMS);
 void emu_read_lock(rwlock_t *lock, EMU_SITE_PARAMS);
 int emu_read_trylock(rwlock_t *lock, EMU_SITE_PARAMS);
 void emu_read_unlock(rwlock_t *lock, EMU_SITE_PARAMS);
@@ -85,9 +97,10 @@ void emu_local_bh_disable(void);
 void emu_local_bh_enable(EMU_SITE_PARAMS);
 EMU_END_DECLS
 
-#define spin_lock_init(lock)	emu_spin_lock_init(lock)
+#define spin_lock_init(lock)	emu_spin_lock_init_key((lock), #lock, EMU_SITE)
 #define spin_lock(lock)		emu_spin_lock((lock), EMU_SITE)
-#define spin_lock_nested(lock, subclass) spin_lock(lock)
+#define spin_lock_nested(lock, subclass) \
+	emu_spin_lock_nested((lock), (subclass), EMU_SITE)
 #define spin_trylock(lock)	emu_spin_trylock((lock), EMU_SITE)
 #define spin_unlock(lock)	emu_spin_unlock((lock), EMU_SITE)
 #define spin_is_locked(lock)	emu_spin_is_locked(lock)
@@ -98,6 +111,11 @@ EMU_END_DECLS
 	do {						\
 		local_irq_save(flags);			\
 		spin_lock(lock);			\
+	} while (0)
+#define spin_lock_irqsave_nested(lock, flags, subclass)	\
+	do {						\
+		local_irq_save(flags);			\
+		spin_lock_nested(lock, subclass);	\
 	} while (0)
 #define spin_unlock_irqrestore(lock, flags)		\
 	do {						\
@@ -131,7 +149,7 @@ EMU_END_DECLS
 	1 : ({ local_irq_restore(flags); 0; });		\
 })
 
-#define rwlock_init(lock)	emu_rwlock_init(lock)
+#define rwlock_init(lock)	emu_rwlock_init_key((lock), #lock, EMU_SITE)
 #define read_lock(lock)		emu_read_lock((lock), EMU_SITE)
 #define read_trylock(lock)	emu_read_trylock((lock), EMU_SITE)
 #define read_unlock(lock)	emu_read_unlock((lock), EMU_SITE)

@@ -14,8 +14,9 @@
 // a super block (get_super finds it), a block size, and a small write API:
 // writes are buffered as dirty blocks and written back through submit_bio
 // (so they pass any make_request_fn hooked on the queue) by sync(), by
-// fsync_bdev/sync_blockdev and by freeze_bdev; a writer that arrives while
-// the file system is frozen waits until the thaw.  Reads of blocks that are
+// fsync_bdev/sync_blockdev and by freeze_bdev; a writer that tests the
+// freeze level while the file system is frozen waits until the thaw (one
+// already past the test completes, as on 2.6.27).  Reads of blocks that are
 // not dirty are bios too.
 //
 // Objects here are the machine's hardware and mounts: destroy them after
@@ -76,6 +77,23 @@ enum class Completion {
 	Bio,
 };
 
+// In which context a completion thread ends a request.
+enum class CompletionContext {
+	// The process-wide default: the environment variable
+	// EMU_DISK_COMPLETION ("softirq" or "hardirq"; unset: softirq).
+	Default,
+	// 2.6.27's block softirq: in_softirq(), interrupts on; the request
+	// goes back to the pool under the queue lock afterwards.
+	Softirq,
+	// An IDE-style interrupt handler: in_irq(), interrupts off and the
+	// queue lock held around bio_endio and the request's release, as
+	// ide's end_request runs under ide_lock, which is its queue lock.
+	Hardirq,
+};
+// The context Default stands for now (reads EMU_DISK_COMPLETION; a value
+// other than the two names is fatal).  A disk resolves it when made.
+CompletionContext default_completion_context();
+
 enum class Dir { Read = 1, Write = 2, Both = 3 };
 
 struct DiskConfig {
@@ -89,6 +107,15 @@ struct DiskConfig {
 	unsigned threads = 2;          // completion threads; 0: complete
 				       // inside the request function
 	Completion completion = Completion::Request;
+	CompletionContext context = CompletionContext::Default;
+	// Requests the queue has (q->nr_requests, BLKDEV_MAX_RQ by default):
+	// a submitter that finds them all in flight sleeps in the request
+	// function until a completion gives one back.
+	unsigned nr_requests = 128;
+	// Read the partition table (DOS label in sector 0) when the disk is
+	// added, as 2.6.27's register_disk does; off: partitions come only
+	// from add_partition() (or a later BLKRRPART).
+	bool scan_partitions = false;
 };
 
 class Disk {
@@ -107,6 +134,9 @@ public:
 	int add_partition(int partno, std::uint64_t start,
 			  std::uint64_t sectors);
 	void delete_partition(int partno);
+	// Marks the whole disk's partition table stale (bd_invalidated, as
+	// a media change does): its next first open re-reads it.
+	void set_invalidated();
 
 	struct gendisk *gendisk() const;
 	struct request_queue *queue() const;
@@ -146,6 +176,12 @@ public:
 	// --- test hooks -----------------------------------------------------
 	// Requests the request function received so far.
 	std::uint64_t requests() const;
+	// Requests of the pool in flight now, and submitters sleeping in the
+	// request function for one.
+	unsigned requests_allocated() const;
+	unsigned pool_sleepers() const;
+	// The context completions run in (Default resolved).
+	CompletionContext completion_context() const;
 	// Called in the submitter's context for every request the request
 	// function receives, before it is queued.  Empty: none.
 	void set_observer(std::function<void(const DiskRequest &)> observer);
@@ -180,6 +216,20 @@ public:
 	// the file system is frozen.  Returns 0, -EINVAL (bad block or size),
 	// -EROFS (read-only) or -ENOMEM (no page).
 	int write_block(std::uint64_t block, std::span<const std::byte> data);
+	// A store to the block through a shared writable mapping of a file:
+	// the page is dirtied without any freeze test (2.6.27 has none on
+	// that path), so a frozen file system takes it and the next
+	// write-back sends it.  Returns as write_block.
+	int write_mapped(std::uint64_t block, std::span<const std::byte> data);
+	// Test hook: runs in write_block after the writer passed the frozen
+	// test and before it dirties its block (empty: none).
+	void set_after_frozen_check(std::function<void()> hook);
+	// Makes the file system ext3-like: blocks [first, first + blocks) are
+	// its journal; each freeze's write_super_lockfs writes a commit block
+	// there and the super block (needs-recovery cleared), each thaw's
+	// unlockfs the super block again (flag set), through the queue.
+	// Needs a block size of at least 1024.
+	void enable_journal(std::uint64_t first_block, unsigned blocks);
 	// The block's current contents: the dirty copy, or a read bio sent
 	// through the queue and waited for.  0 or -EIO / -EINVAL / -ENOMEM.
 	int read_block(std::uint64_t block, std::span<std::byte> out);

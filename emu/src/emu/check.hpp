@@ -9,6 +9,8 @@
 // and aborts; tests expect it with EXPECT_DEATH.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,5 +23,23 @@ std::vector<std::string> test_problems(bool module_must_be_unloaded = true);
 
 // Locks currently held by any task (file:line of the acquiring call).
 std::vector<std::string> held_locks();
+
+// The lock validator (emu/src/lockdep.cpp) reports a broken locking rule
+// in 2.6.27 lockdep's words ("possible recursive locking detected",
+// "inconsistent lock state", "possible circular locking dependency
+// detected", "interrupts enabled inside an irqsave region"): the report
+// with both call sites goes to stderr, then the violation line, and the
+// process aborts.  EMU_LOCKDEP=0 turns it off.
+//
+// The hang watchdog reports "hang: no emulated task made progress for N s"
+// after printing every task, what it waits for and the locks it holds,
+// when a task stays blocked in an emulated wait and nothing progresses for
+// the timeout: 20 s, or EMU_HANG_TIMEOUT=<seconds>, or this call.
+void set_hang_timeout(std::chrono::milliseconds timeout);
+
+// Runs fn on the calling task as an interrupt runs: in softirq context (as
+// a block completion) or in hard-interrupt context (interrupts disabled).
+enum class Interrupt { Soft, Hard };
+void run_in_interrupt(Interrupt kind, const std::function<void()> &fn);
 
 }  // namespace emu

@@ -8,3 +8,5 @@
 #include "emu/memory.hpp"
 #include "emu/module.hpp"
 #include "emu/process.hpp"
+#include "emu/race.hpp"
+#include "emu/warnings.hpp"

@@ -34,6 +34,11 @@ inline constexpr int MAP_SHARED_ = 1, MAP_PRIVATE_ = 2;
 
 // Create the character-device node `path` (like mknod c major minor).
 void mknod(const char *path, unsigned major, unsigned minor);
+// Create the block-device node `path` (like mknod b major minor): opening
+// it opens the disk or partition of that number; read, write, fsync and
+// ioctl (BLKRRPART, BLKFLSBUF, BLKGETSIZE64) are 2.6.27's block device
+// file operations, through the device's page cache.
+void mknod_block(const char *path, unsigned major, unsigned minor);
 
 // What a system call "returns" when the kernel oopsed inside it and the
 // process was killed (it never sees a result).  2.6.27 oopses, for
@@ -71,6 +76,7 @@ public:
 	long ioctl(int fd, unsigned cmd, unsigned long arg);
 	long read(int fd, uaddr buf, std::size_t count);
 	long write(int fd, uaddr buf, std::size_t count);
+	int fsync(int fd);                          // 0 or -errno
 	unsigned poll(int fd);                      // the driver's poll mask
 	// mmap2: returns the mapping's address, or a negative errno (as a
 	// signed value) when the driver or the checks refuse it.
