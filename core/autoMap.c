@@ -86,6 +86,11 @@ AutoMapSession *getAMS(dev_t kdev)
  * all-clear map of diskInfo.numBlocks blocks, not in sync, key all zero.
  * It replaces whatever the slot held (callers close the old one first).
  * Returns 0, 5 without memory, or newBlockMap()'s code.  May sleep.
+ *
+ * A device whose major or minor does not fit the 256 x 256 table has no
+ * slot: it is refused with 2 before anything is allocated, so there is
+ * never a session that no slot holds (nobody could find, invalidate or
+ * close it).  Such a partition can still be backed up, untracked.
  */
 int newAMS(Backup *b, AutoMapSession **amSession)
 {
@@ -94,6 +99,10 @@ int newAMS(Backup *b, AutoMapSession **amSession)
 	unsigned long flags;
 	int numPages = 0;
 	int result;
+
+	slot = amSlot(b->diskInfo.kdev);
+	if (!slot)
+		return 2;
 
 	ams = kzalloc(sizeof(*ams), GFP_KERNEL);
 	if (!ams)
@@ -120,12 +129,6 @@ int newAMS(Backup *b, AutoMapSession **amSession)
 	atomic_set(&ams->users, 1);
 	spin_lock_init(&ams->usersLock);
 
-	slot = amSlot(ams->diskInfo.kdev);
-	if (!slot) {
-		/* Outside the table: usable by this caller, never tracked. */
-		*amSession = ams;
-		return 0;
-	}
 	*amSession = ams;
 	waitForAMListUsers(&flags);
 	*slot = ams;

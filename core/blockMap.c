@@ -235,3 +235,14 @@ void waitForBlockMapUsers(BlockMap *bm, unsigned long *flags)
 {
 	kivUsersWait(&bm->users, &bm->usersLock, flags);
 }
+
+/*
+ * The same for a second map while the first one's exclusive wait is held
+ * (the snapshot's hand-over: the backup's map, then the session's).  All
+ * maps' locks share one validator class, so the inner one is marked.
+ */
+void waitForBlockMapUsersNested(BlockMap *bm, unsigned long *flags)
+{
+	kivUsersWaitNested(&bm->users, &bm->usersLock, flags,
+			   SINGLE_DEPTH_NESTING);
+}

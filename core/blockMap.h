@@ -28,5 +28,6 @@ int setBlock(BlockMap *bm, u32 blockNum);
 int unSetBlock(BlockMap *bm, u32 blockNum);
 int blockInMap(BlockMap *bm, u32 blockNum);
 void waitForBlockMapUsers(BlockMap *bm, unsigned long *flags);
+void waitForBlockMapUsersNested(BlockMap *bm, unsigned long *flags);
 
 #endif /* _KIV_BLOCKMAP_H */

@@ -126,6 +126,7 @@ int kivOpen(struct inode *inode, struct file *file)
 		return 5;
 
 	sema_init(&b->bSem, 1);
+	mutex_init(&b->vmLock);
 	setBackupState(b, BU_STATE_IDLE);
 	init_rwsem(&b->cacheUsers);
 	init_rwsem(&b->writers);

@@ -71,19 +71,43 @@ void killWorkQueue(Backup *b);
 void allocateBRCache(Backup *b);
 void closeBRCache(Backup *b);
 void closeBUBlockMap(Backup *b);
+int newBUBlockMap(Backup *b, u32 size, void __user *data);
 void closeCacheMap(Backup *b);
 void closeBlockTable(Backup *b);
+int newBlockTable(Backup *b);
+int newCacheMap(Backup *b);
 
 /* Block cache (cache.c). */
+int saveBlock(Backup *b, const char *data, u32 blockNum);
+int cacheRead(Backup *b, char *dest, u32 blockNum);
+CachePage *locateBlockInList(CachePage *cp, u32 blockNum,
+			     CachePage **prev);
+int cleanUpCache(Backup *b);
 void freeCachePage(Backup *b, CachePage *cp);
 void closeList(Backup *b, CachePage *cp);
 void closeCache(Backup *b);
 
-/* Read requests and the read buffer (readBuffer.c). */
+/* Read requests and the read buffer (blockRead.c, readBuffer.c). */
+int allocateBlockRequests(Backup *b);
 void freeMMBRs(Backup *b);
 void freeAllMMPages(Backup *b);
 int getVMAPageCount(Backup *b);
 int kivMMAP(struct file *file, struct vm_area_struct *vma);
+void kivVMopen(struct vm_area_struct *vma);
+void kivVMclose(struct vm_area_struct *vma);
+int kivVMfault(struct vm_area_struct *vma, struct vm_fault *vmf);
+struct page *kivVMnopage(struct vm_area_struct *vma, unsigned long address,
+			 int *unused);
+int findVMA(Backup *b, struct vm_area_struct *vma, BackupVMA **bvma);
+int checkVMA(Backup *b, unsigned long start, BackupVMA **bvma);
+int maxBVMAs(Backup *b, BackupVMA **bvma);
+char *mmPageAddr(Backup *b, u32 i, BackupVMA *bvma);
+
+/* The block read command's passes over the cache (readBlocks.c). */
+u32 readFromCache(Backup *b, u32 startBlockNum, u32 numBlocks,
+		  BackupVMA *bvma);
+void readCheckCache(Backup *b, u32 startBlockNum, u32 numBlocks,
+		    BackupVMA *bvma);
 
 /* Statistics (stats.c). */
 void setStats(Backup *b, struct Stats *stats);

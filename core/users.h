@@ -37,12 +37,14 @@ static inline void kivUsersExit(atomic_t *users)
  * Exclusive entry: returns holding lock, with the interrupt state saved
  * in *flags and the counter at its resting 1.  Polls by yielding.  Process
  * context only; the caller releases lock with *flags when done.
+ * subclass tells the lock validator that a second lock of the same kind
+ * is taken inside the first (0 for the outer or only one).
  */
-static inline void kivUsersWait(atomic_t *users, spinlock_t *lock,
-				unsigned long *flags)
+static inline void kivUsersWaitNested(atomic_t *users, spinlock_t *lock,
+				      unsigned long *flags, int subclass)
 {
 	for (;;) {
-		spin_lock_irqsave(lock, *flags);
+		spin_lock_irqsave_nested(lock, *flags, subclass);
 		if (atomic_dec_and_test(users)) {
 			atomic_inc(users);
 			return;
@@ -51,6 +53,12 @@ static inline void kivUsersWait(atomic_t *users, spinlock_t *lock,
 		spin_unlock_irqrestore(lock, *flags);
 		schedule();
 	}
+}
+
+static inline void kivUsersWait(atomic_t *users, spinlock_t *lock,
+				unsigned long *flags)
+{
+	kivUsersWaitNested(users, lock, flags, 0);
 }
 
 #endif /* _KIV_USERS_H */

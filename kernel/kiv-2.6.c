@@ -5,8 +5,7 @@
  * a request to its partition and block range.
  *
  * Everything here runs in process context.  The geometry calls sleep
- * (finding the super block); BIOToMinor sleeps on the device's bd_mutex,
- * so it must not be called with a spin lock held.
+ * (finding the super block); BIOToMinor does not sleep.
  */
 #include <linux/kernel.h>
 #include <linux/fs.h>
@@ -225,29 +224,34 @@ int callRealMRF(Backup *b, struct bio *bio)
 /*
  * The minor number of the partition that bio's first sector falls in.
  * Requests reach a hook already remapped to the whole disk, so the
- * partition is found by sector; a sector in no partition gives the whole
- * disk's minor.  Sleeps on the device's bd_mutex.
+ * partition is found by sector: the first partition p = 1, 2, ... that
+ * holds it, else the whole disk's minor.  Does not sleep.
+ *
+ * The partition table is read without the disk's bd_mutex, the way the
+ * block layer's own request accounting reads disk->part[].  The kernel
+ * submits I/O while holding that mutex: re-reading the partition table
+ * (BLKRRPART, the first open of a changed disk) reads sector 0 under it,
+ * and the last close of the disk writes its dirty pages back under it.
+ * Those requests come through this hook on the submitter's task, so
+ * taking the mutex here would put that task to sleep on a mutex it holds
+ * itself, forever.  Without it, a request racing with a re-read may see
+ * the table half rebuilt and count for the whole disk, as a request
+ * arriving between the delete and the add does anyway.
  */
 int BIOToMinor(struct bio *bio)
 {
-	struct block_device *bdev = bio->bi_bdev;
-	struct gendisk *disk = bdev->bd_disk;
+	struct gendisk *disk = bio->bi_bdev->bd_disk;
 	struct hd_struct *part;
 	sector_t sector = bio->bi_sector;
-	int minor, p;
+	int p;
 
-	mutex_lock(&bdev->bd_mutex);
-	minor = disk->first_minor;
 	for (p = 1; p < disk->minors; p++) {
 		part = disk->part[p - 1];
 		if (part && part->start_sect <= sector &&
-		    sector < part->start_sect + part->nr_sects) {
-			minor = disk->first_minor + p;
-			break;
-		}
+		    sector < part->start_sect + part->nr_sects)
+			return disk->first_minor + p;
 	}
-	mutex_unlock(&bdev->bd_mutex);
-	return minor;
+	return disk->first_minor;
 }
 
 /*

@@ -34,6 +34,7 @@
 #include <linux/spinlock.h>
 #include <linux/rwsem.h>
 #include <linux/semaphore.h>
+#include <linux/mutex.h>
 #include <linux/completion.h>
 #include <linux/time.h>
 #include <asm/atomic.h>
@@ -165,12 +166,16 @@ struct AutoMapSession {
  * is read-held by every user of the block cache and write-held by its
  * teardown; mrLock guards mrHead/mrTail.  state is read without a lock and
  * every store to it is followed by a full barrier (setBackupState).
+ * vmLock guards vmAreas: mmap and munmap take it under the mm's mmap_sem,
+ * the read command and the close under bSem, so it nests inside both and
+ * nothing that can fault on user memory runs while it is held.
  */
 struct Backup {
 	struct semaphore bSem;
 	volatile u32 state;
 	struct rw_semaphore writers;
 	int maxVMPages;
+	struct mutex vmLock;
 	struct BackupVMA vmAreas[KIV_VM_AREAS];
 	int noLoadFromAutoMap;
 	int noStartAutoMap;
@@ -249,8 +254,41 @@ int BIOToMinor(struct bio *bio);
 void BIOToBlockNumbers(DiskInfo *diskInfo, struct bio *bio, u32 *startBN,
 		       u32 *endBN);
 
+/*
+ * Reading runs of blocks of the backed-up partition into the read buffer,
+ * one bio and buffer_head per block (blockRead.c; the one-block steps are
+ * declared below).
+ */
+u32 readBlocks(Backup *b, u32 startBN, u32 numBlocks, BackupVMA *bvma);
+int waitForSubmitted(Backup *b, u32 startBN, u32 numBlocks);
+void freeSubmitted(Backup *b, u32 numBlocks);
+int isRequestSubmitted(Backup *b, u32 i);
+
+/* Snapshot timings (snapshot.c). */
+struct timespec calcTimeDiff(struct timespec *start, struct timespec *end);
+
 /* Change tracking on the write path (kivAMRF.c). */
 int kivAMRF(struct request_queue *q, struct bio *bio);
 void updateAM(struct bio *bio, int bioMinor);
+
+/* Copy-before-write interception of the running backup (kivMRF.c). */
+int kivMRF(struct request_queue *q, struct bio *bio);
+int doWeCacheBlock(Backup *b, u32 n);
+void addMRToQueue(Backup *b, MakeRequest *mr);
+MakeRequest *getTopMR(Backup *b);
+void closeMR(MakeRequest *mr);
+
+/* The cache thread "kbackupd" (cacheThread.c). */
+int startWorkQueue(Backup *b);
+int backup_cache(void *data);
+void processMR(Backup *b, MakeRequest *mr);
+void cacheBlock(Backup *b, MakeRequest *mr, u32 n);
+
+/* Reading one block into a page by bio and buffer_head (blockRead.c). */
+void initBH(Backup *b, struct buffer_head *bh, struct page *page,
+	    unsigned long offset, u32 blockNum);
+void initBIO(Backup *b, struct bio *bio, struct buffer_head *bh);
+void kivBIOEndIO(struct bio *bio, int err);
+void kivBHEndIO(struct buffer_head *bh, int uptodate);
 
 #endif /* _KIV_26_H */
