@@ -18,6 +18,7 @@
 #include "test_queue_util.hpp"
 
 #include <linux/bio.h>
+#include <linux/completion.h>
 #include <linux/blkdev.h>
 #include <linux/fs.h>
 #include <linux/irqflags.h>
@@ -48,7 +49,7 @@ protected:
 		EXPECT_TRUE(test::registry().empty());
 		test::clear_registry();
 		EXPECT_EQ(atomic_read(&curAllocAMPages), 0);
-		TwoPartitions::TearDown();
+		test::TwoPartitions::TearDown();
 	}
 
 	AutoMapSession *session(Backup &b)
@@ -296,6 +297,32 @@ TEST_F(Sessions, BackupFailureAloneUnhooksTheQueueAndKeepsTheSession)
 	ExpectLog({});
 }
 
+TEST_F(Sessions, SleepAfterUnhookingWarnsOnceAndRunsOnWithInterruptsOn)
+{
+	AutoMapSession *a1 = in_sync_session(b1_);
+	ASSERT_NE(a1, nullptr);
+	ASSERT_EQ(setMRF(&b1_, backupHook), 0);
+	struct completion done;
+	init_completion(&done);
+	complete(&done);
+	complete(&done);
+
+	errorAMS(&b1_);
+	ASSERT_TRUE(irqs_disabled());
+	// The next sleep is the kernel's one warning of this path: 2.6.27
+	// prints it and goes on, and the sleep turns interrupts back on.
+	const int line = __LINE__ + 1;
+	wait_for_completion(&done);
+	EXPECT_FALSE(irqs_disabled());
+	wait_for_completion(&done);   // interrupts on: nothing more to say
+	ExpectLog({"<3>BUG: sleeping function called from invalid context "
+		   "at tests/test_driver_sessions_extra.cpp:" +
+		   std::to_string(line),
+		   "<4>in_atomic():0, irqs_disabled():1"});
+	EXPECT_EQ(q_->make_request_fn, real_);
+	EXPECT_EQ(a1->state, (u32)AM_STATE_NOT_IN_SYNC);
+}
+
 // UNLOAD on a file closes every session and gives the queue back.
 class SessionsUnload : public Sessions {
 protected:
@@ -310,9 +337,15 @@ protected:
 	void TearDown() override
 	{
 		proc_.reset();
+		// The sessions' own clean-up runs the module's code: before
+		// the unload, which leaves the module's data poisoned.
+		closeAllAMS();
+		EXPECT_TRUE(test::registry().empty());
+		test::clear_registry();
+		EXPECT_EQ(atomic_read(&curAllocAMPages), 0);
 		EXPECT_EQ(emu::module_unload(), 0);
 		emu::log_clear();
-		Sessions::TearDown();
+		test::TwoPartitions::TearDown();
 	}
 	std::unique_ptr<emu::Process> proc_;
 };

@@ -165,11 +165,12 @@ private:
 };
 
 // A bio of one vector over `len` bytes of `page`, for `bdev` at `sector`,
-// ending into `tag`.
+// ending into `tag`.  GFP_NOIO: tests also make bios inside make_request
+// functions, where an allocation that may do I/O is a violation.
 inline struct bio *make_bio(struct block_device *bdev, sector_t sector,
 			    struct page *page, unsigned len, BioTag *tag)
 {
-	struct bio *bio = bio_alloc(GFP_KERNEL, 1);
+	struct bio *bio = bio_alloc(GFP_NOIO, 1);
 	bio->bi_bdev = bdev;
 	bio->bi_sector = sector;
 	bio->bi_io_vec[0].bv_page = page;

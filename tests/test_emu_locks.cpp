@@ -484,3 +484,38 @@ TEST(BitopsConcurrency, SetBitIsAtomic)
 	for (int b = 0; b < 256; b++)
 		EXPECT_TRUE(test_bit(b, map)) << b;
 }
+
+// A task taking a mutex it already holds would sleep forever on 2.6.27
+// (its mutex debugging reports it): reported with both call sites.
+namespace {
+
+DEFINE_MUTEX(g_recursive);
+
+void take_twice()
+{
+	mutex_lock(&g_recursive);
+	mutex_lock(&g_recursive);
+}
+const int kSecondLock = __LINE__ - 2;
+
+}  // namespace
+
+TEST(MutexDeathTest, TakingAMutexThisTaskHoldsIsReportedWithBothSites)
+{
+	EXPECT_DEATH(take_twice(),
+		     "EMU VIOLATION: recursive mutex_lock: already taken by "
+		     "this task at tests/test_emu_locks.cpp:" +
+		     std::to_string(kSecondLock - 1) +
+		     " at tests/test_emu_locks.cpp:" +
+		     std::to_string(kSecondLock));
+}
+
+TEST(Mutex, RetakingAfterUnlockIsNotRecursion)
+{
+	mutex_lock(&g_recursive);
+	mutex_unlock(&g_recursive);
+	mutex_lock(&g_recursive);
+	EXPECT_TRUE(mutex_is_locked(&g_recursive));
+	mutex_unlock(&g_recursive);
+	EXPECT_FALSE(mutex_is_locked(&g_recursive));
+}

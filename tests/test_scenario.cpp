@@ -99,6 +99,7 @@ public:
 			self(c).transcript.emplace_back(line);
 			std::cout << line << '\n';
 		};
+		platform_.disk_has_fs = from_image_ ? 1 : 0;
 	}
 
 	// Whatever a failed scenario left behind goes, in the order a

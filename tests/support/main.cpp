@@ -1,9 +1,11 @@
 // The GoogleTest main of every test binary.  After each test, the
 // emulated kernel must be clean: nothing leaked (memory, pages, slab
 // objects and caches, bios, buffer heads), no lock held, no kernel thread
-// running, every kmap undone, the module unloaded.  Otherwise the problems
+// running, every kmap undone, the module unloaded; and no kernel warning
+// logged that the test did not expect with ExpectLog/AssertLog.  Otherwise the problems
 // are printed and the binary exits with a failure (CTest runs every test
 // in a process of its own, so the failure is that test's).
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 
@@ -23,12 +25,22 @@ class InvariantListener : public ::testing::EmptyTestEventListener {
 	void OnTestStart(const ::testing::TestInfo &) override
 	{
 		support::detail::g_allow_module_loaded = false;
+		if (std::uint64_t seed = emu::race_windows_seed()) {
+			std::printf("EMU_RACE_WINDOWS=%llu (race windows on; "
+				    "replay with this setting)\n",
+				    static_cast<unsigned long long>(seed));
+			std::fflush(stdout);
+		}
 	}
 
 	void OnTestEnd(const ::testing::TestInfo &info) override
 	{
 		auto problems = emu::test_problems(
 			!support::detail::g_allow_module_loaded);
+		// A warning the kernel printed and the test did not expect
+		// (ExpectLog/AssertLog with its lines) fails the test.
+		for (auto &w : emu::take_pending_warnings())
+			problems.push_back("unexpected kernel warning: " + w);
 		if (problems.empty())
 			return;
 		g_dirty = true;

@@ -6,7 +6,26 @@
 #include <random>
 #include <sstream>
 
+#if defined(__SANITIZE_THREAD__)
+extern "C" {
+void AnnotateIgnoreReadsBegin(const char *file, int line);
+void AnnotateIgnoreReadsEnd(const char *file, int line);
+}
+#endif
+
 namespace support {
+
+std::uint32_t racy_read(const volatile std::uint32_t *word)
+{
+#if defined(__SANITIZE_THREAD__)
+	AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
+#endif
+	std::uint32_t v = *word;
+#if defined(__SANITIZE_THREAD__)
+	AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
+#endif
+	return v;
+}
 
 namespace detail {
 bool g_allow_module_loaded = false;
@@ -22,8 +41,12 @@ void allow_module_loaded_at_end()
 {
 	std::vector<std::string> got = emu::log_strings();
 	emu::log_clear();
-	if (got == lines)
+	if (got == lines) {
+		// The test expected these lines: a kernel warning among them
+		// is no longer unexpected.
+		emu::warnings_seen(got);
 		return ::testing::AssertionSuccess();
+	}
 	std::ostringstream os;
 	os << "the log is not " << expr << "\nexpected " << lines.size()
 	   << " line(s):\n";

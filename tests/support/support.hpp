@@ -22,7 +22,9 @@
 namespace support {
 
 // The log holds exactly `lines` ("<N>text", oldest first) since the last
-// clear; clears it in any case.
+// clear; clears it in any case.  On success the kernel warnings among the
+// lines (emu/warnings.hpp) count as expected; a warning never expected so
+// makes the test fail at its end.
 ::testing::AssertionResult LogIs(const char *expr,
 				 const std::vector<std::string> &lines);
 
@@ -35,6 +37,11 @@ inline void *user_ptr(emu::uaddr a)
 {
 	return reinterpret_cast<void *>(static_cast<std::uintptr_t>(a));
 }
+
+// A driver state word read as the driver reads it: without a lock, while
+// the driver may be storing it (each store followed by a full barrier).
+// For polling loops; ThreadSanitizer is told not to count the read.
+std::uint32_t racy_read(const volatile std::uint32_t *word);
 
 // The seed of a randomised test: CORVALIN_SEED when set, otherwise a fresh
 // one; printed, and recorded as a test property, so that a failure can be

@@ -1,0 +1,123 @@
+// Helpers of the seeded whole-driver suites (point in time, incremental
+// chains): a raw bio submitted and waited for, a gate that holds raw
+// writers back around a snapshot, and the seeds of a case.
+#pragma once
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <mutex>
+#include <random>
+#include <vector>
+
+#include "test_driver_util.hpp"
+
+namespace pit {
+
+// One raw bio waited for by its submitter.
+struct RawDone {
+	std::mutex m;
+	std::condition_variable cv;
+	bool done = false;
+};
+
+inline void raw_end_io(struct bio *bio, int /* error */)
+{
+	auto *d = static_cast<RawDone *>(bio->bi_private);
+	bio_put(bio);
+	std::lock_guard lk(d->m);
+	d->done = true;
+	d->cv.notify_all();
+}
+
+// Submit `sectors` sectors at `sector` of bdev (partition-relative), in
+// vectors of at most a page, and wait for the end.  rw: WRITE, READ or
+// read-ahead.
+inline void raw_io(struct block_device *bdev, unsigned long rw, std::uint64_t sector,
+	    unsigned sectors, std::mt19937_64 &rng)
+{
+	const unsigned bytes = sectors * 512;
+	const unsigned nvec = (bytes + 4095) / 4096;
+	std::vector<struct page *> pages;
+	struct bio *bio = bio_alloc(GFP_KERNEL, static_cast<int>(nvec));
+	ASSERT_NE(bio, nullptr);
+	unsigned left = bytes;
+	for (unsigned v = 0; v < nvec; v++) {
+		struct page *p = alloc_page(GFP_KERNEL);
+		ASSERT_NE(p, nullptr);
+		pages.push_back(p);
+		auto *d = static_cast<unsigned char *>(kmap(p));
+		for (unsigned k = 0; k < 4096; k++)
+			d[k] = static_cast<unsigned char>(rng());
+		kunmap(p);
+		bio->bi_io_vec[v].bv_page = p;
+		bio->bi_io_vec[v].bv_len = std::min(left, 4096u);
+		bio->bi_io_vec[v].bv_offset = 0;
+		left -= bio->bi_io_vec[v].bv_len;
+	}
+	RawDone done;
+	bio->bi_vcnt = static_cast<unsigned short>(nvec);
+	bio->bi_size = bytes;
+	bio->bi_bdev = bdev;
+	bio->bi_sector = static_cast<sector_t>(sector);
+	bio->bi_end_io = raw_end_io;
+	bio->bi_private = &done;
+	submit_bio(static_cast<int>(rw), bio);
+	{
+		std::unique_lock lk(done.m);
+		done.cv.wait(lk, [&] { return done.done; });
+	}
+	for (struct page *p : pages)
+		__free_page(p);
+}
+
+// Lets raw I/O through, or holds new raw I/O back and waits until none
+// is under way (a writer-preferring pause: the raw threads never starve
+// the closer).
+class Gate {
+public:
+	void enter()
+	{
+		std::unique_lock lk(m_);
+		cv_.wait(lk, [&] { return !closed_; });
+		active_++;
+	}
+	void leave()
+	{
+		std::lock_guard lk(m_);
+		active_--;
+		cv_.notify_all();
+	}
+	void close()
+	{
+		std::unique_lock lk(m_);
+		closed_ = true;
+		cv_.wait(lk, [&] { return active_ == 0; });
+	}
+	void open()
+	{
+		std::lock_guard lk(m_);
+		closed_ = false;
+		cv_.notify_all();
+	}
+
+private:
+	std::mutex m_;
+	std::condition_variable cv_;
+	bool closed_ = false;
+	int active_ = 0;
+};
+
+inline std::vector<std::uint64_t> seeds_for(std::uint64_t first, unsigned count)
+{
+	if (const char *env = std::getenv("CORVALIN_SEED"))
+		return {std::strtoull(env, nullptr, 0)};
+	std::vector<std::uint64_t> v;
+	for (unsigned i = 0; i < count; i++)
+		v.push_back(first + i);
+	return v;
+}
+
+}  // namespace pit
