@@ -8,11 +8,15 @@
 namespace corvalin::tool {
 namespace {
 
-constexpr std::array<Command, 2> table{{
+constexpr std::array<Command, 3> table{{
 	{"tour", "",
 	 "load the emulated module, open /dev/corvalin, show version, state "
 	 "and kernel log, unload",
 	 run_tour},
+	{"demo", "[DIR]",
+	 "in the emulated kernel: a full backup and two incrementals of a "
+	 "partition in use, a restore of each, a verify",
+	 run_demo},
 	{"help", "[command]", "show the commands, or one command's usage",
 	 run_help},
 }};

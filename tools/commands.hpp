@@ -32,6 +32,7 @@ const Command *find_command(std::string_view name);
 std::string usage_line(const Command &c);
 
 int run_tour(Args args);
+int run_demo(Args args);
 int run_help(Args args);
 
 }  // namespace corvalin::tool

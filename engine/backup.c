@@ -1,0 +1,729 @@
+/*
+ * backup.c - one backup of a partition into a repository.
+ *
+ * The order of commands (the driver's protocol for a backup program):
+ *   GET_BLOCK_SIZE, START_BACKUP; then either SNAPSHOT presenting the
+ *   repository's last session key (incremental) or NO_LOAD_FROM_AUTOMAP
+ *   and SNAPSHOT without a key (full); GET_STATE must then say 4;
+ *   GET_AUTOMAP_STATE gives the key to present next time; an incremental
+ *   exports its change map (GET_AUTOMAP) and loads it as the set of blocks
+ *   to read (LOAD_BLOCK_MAP); then READ_BLOCKS run after run through the
+ *   mapped read buffer; close.
+ *
+ * The repository only ever changes by renames: the image is written under
+ * a temporary name, fsynced, renamed, and the index replaced the same way.
+ * An interrupted backup leaves at most a temporary file (removed by the
+ * next run) or an image the index does not list (overwritten by the next
+ * run, which takes the same number); the chain of listed backups is never
+ * touched.
+ */
+#define _POSIX_C_SOURCE 200809L
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "crc32c.h"
+#include "engine.h"
+#include "fileio.h"
+
+struct job {
+	const struct cvb_backup_opts *o;
+	struct cvb_err *err;
+	cv_device dev;
+	int dev_open;
+	cv_uaddr buf;			/* the read-buffer mapping */
+	uint32_t buf_len;
+	uint32_t per_read;		/* blocks one READ_BLOCKS may carry */
+	uint32_t bs, count;
+	uint32_t state;			/* the backup's state after SNAPSHOT */
+	unsigned char *chunk;		/* host copy of one run */
+	int fd;				/* the image under its temp name */
+	char tmp[1110], final[1100];
+};
+
+static int driver_fail(struct job *j, const char *what, int r)
+{
+	return cvb_fail(j->err, CVB_E_DRIVER, "%s: %s (%s)", what,
+			cv_result_name(r), cv_result_text(r));
+}
+
+static uint64_t random_id(void)
+{
+	static unsigned counter;
+	uint64_t v = 0;
+	struct timeval tv;
+	int fd = open("/dev/urandom", O_RDONLY);
+
+	if (fd >= 0) {
+		if (read(fd, &v, sizeof(v)) != (ssize_t)sizeof(v))
+			v = 0;
+		close(fd);
+	}
+	gettimeofday(&tv, NULL);
+	v ^= (uint64_t)tv.tv_sec << 32 ^ (uint64_t)tv.tv_usec << 12 ^
+	     (uint64_t)getpid() ^ (uint64_t)++counter << 52;
+	return v != 0 ? v : 1;
+}
+
+static uint64_t now_us(void)
+{
+	struct timeval tv;
+
+	gettimeofday(&tv, NULL);
+	return (uint64_t)tv.tv_sec * 1000000u + (uint64_t)tv.tv_usec;
+}
+
+/* Remove what an interrupted run left: temporary files of ours. */
+static void remove_leftovers(const char *dir)
+{
+	DIR *d = opendir(dir);
+	struct dirent *de;
+	char path[1100];
+	size_t n;
+
+	if (d == NULL)
+		return;
+	while ((de = readdir(d)) != NULL) {
+		n = strlen(de->d_name);
+		if (n > 4 && strcmp(de->d_name + n - 4, ".tmp") == 0 &&
+		    (strncmp(de->d_name, "backup-", 7) == 0 ||
+		     strcmp(de->d_name, CVB_INDEX_NAME ".tmp") == 0) &&
+		    cvb_path(dir, de->d_name, path, sizeof(path)) == 0)
+			unlink(path);
+	}
+	closedir(d);
+}
+
+/* READ_BLOCKS of n <= per_read blocks, copied to out (n * bs bytes). */
+static int read_run(struct job *j, uint32_t first, uint32_t n,
+		    unsigned char *out, int *rr)
+{
+	int r = cv_read_blocks(&j->dev, first, n, j->buf);
+
+	*rr = r;
+	if (r != 0 && r != KIV_ERR_IO)
+		return driver_fail(j, "READ_BLOCKS", r);
+	r = cv_mem_read(&j->dev, j->buf, out, n * j->bs);
+	if (r != 0)
+		return driver_fail(j, "reading the read buffer", r);
+	return 0;
+}
+
+/* The file-system reader's view: blocks through the snapshot. */
+static int fs_read(void *ctx, uint32_t first, uint32_t n, unsigned char *buf)
+{
+	struct job *j = (struct job *)ctx;
+	uint32_t step;
+	int r, rr;
+
+	while (n > 0) {
+		step = n < j->per_read ? n : j->per_read;
+		if (first >= j->count || step > j->count - first)
+			return CVB_E_ARG;
+		r = read_run(j, first, step, buf, &rr);
+		if (r != 0)
+			return r;
+		if (rr != 0)
+			return cvb_fail(j->err, CVB_E_DRIVER, "file-system "
+					"metadata at block %u could not be "
+					"read", (unsigned)first);
+		first += step;
+		n -= step;
+		buf += (size_t)step * j->bs;
+	}
+	return 0;
+}
+
+static int all_zero(const unsigned char *p, size_t n)
+{
+	while (n-- > 0)
+		if (*p++ != 0)
+			return 0;
+	return 1;
+}
+
+/* Stage hook: 0 go on, else the CVB_E_INTERRUPTED outcome (1 or 2). */
+static int stage(struct job *j, enum cvb_stage s)
+{
+	if (j->o->stage_hook == NULL)
+		return 0;
+	return j->o->stage_hook(j->o->hook_ctx, (int)s);
+}
+
+/* Last backup's header, to learn its key (0, or no usable previous). */
+static int last_header(const struct cvb_repo *repo, struct cvb_header *h,
+		       struct cvb_err *err)
+{
+	struct cvb_image im;
+	int r;
+
+	if (repo->count == 0)
+		return -1;
+	r = cvb_image_open(repo, repo->count, &im, err);
+	if (r != 0)
+		return r;
+	*h = im.h;
+	cvb_image_close(&im);
+	return 0;
+}
+
+/* Decide whether to try an incremental; fills why when not. */
+static int want_incremental(struct job *j, const struct cvb_repo *repo,
+			    const struct cvb_header *prev, int have_prev,
+			    char *why, size_t len)
+{
+	AutoMapState ams;
+	int r;
+
+	if (j->o->force_full) {
+		snprintf(why, len, "--full was given");
+		return 0;
+	}
+	if (repo->count == 0) {
+		snprintf(why, len, "first backup in this repository");
+		return 0;
+	}
+	if (!have_prev) {
+		snprintf(why, len, "the repository's last backup cannot be "
+			 "read");
+		return 0;
+	}
+	if (prev->major != j->o->major || prev->minor != j->o->minor) {
+		snprintf(why, len, "the last backup is of another device "
+			 "(%u:%u)", (unsigned)prev->major,
+			 (unsigned)prev->minor);
+		return 0;
+	}
+	if (prev->block_size != j->bs || prev->block_count != j->count) {
+		snprintf(why, len, "size changed (%u blocks of %u bytes, now "
+			 "%u of %u)", (unsigned)prev->block_count,
+			 (unsigned)prev->block_size, (unsigned)j->count,
+			 (unsigned)j->bs);
+		return 0;
+	}
+	if (!(prev->flags & CVB_FLAG_KEY)) {
+		snprintf(why, len, "the last backup has no session key");
+		return 0;
+	}
+	memset(&ams, 0, sizeof(ams));
+	r = cv_get_automap_state(&j->dev, &ams, sizeof(ams));
+	if (r != 0) {
+		snprintf(why, len, "change tracking cannot be queried (%s)",
+			 cv_result_name(r));
+		return 0;
+	}
+	if (ams.major == 0 && ams.minor == 0 && ams.state == 0) {
+		snprintf(why, len, "the partition is not tracked (module "
+			 "reloaded, or tracking stopped)");
+		return 0;
+	}
+	if (ams.state != 1) {
+		snprintf(why, len, "tracking lost (session state %u)",
+			 (unsigned)ams.state);
+		return 0;
+	}
+	if (ams.mapLen != j->count) {
+		snprintf(why, len, "size changed (tracking covers %u blocks, "
+			 "the partition has %u)", (unsigned)ams.mapLen,
+			 (unsigned)j->count);
+		return 0;
+	}
+	if (memcmp(ams.amsKey.key, prev->key, CVB_KEY_SIZE) != 0) {
+		snprintf(why, len, "key mismatch (the partition's last "
+			 "backup is not this repository's last one)");
+		return 0;
+	}
+	return 1;
+}
+
+static int snapshot(struct job *j, const unsigned char *key)
+{
+	AMSessionKey k;
+	State st;
+	int r;
+
+	if (key != NULL) {
+		memcpy(k.key, key, CVB_KEY_SIZE);
+	} else {
+		r = cv_no_load_from_automap(&j->dev);
+		if (r != 0)
+			return driver_fail(j, "NO_LOAD_FROM_AUTOMAP", r);
+	}
+	r = cv_snapshot(&j->dev, key != NULL ? &k : NULL,
+			key != NULL ? (uint32_t)sizeof(k) : 0u);
+	if (r == KIV_ERR_INVALID)
+		return cvb_fail(j->err, CVB_E_DRIVER, "SNAPSHOT refused: the "
+				"partition has no mounted file system to "
+				"freeze, or its queue cannot be hooked (see "
+				"the kernel log)");
+	if (r != 0)
+		return driver_fail(j, "SNAPSHOT", r);
+	memset(&st, 0, sizeof(st));
+	r = cv_get_state(&j->dev, &st, sizeof(st));
+	if (r != 0)
+		return driver_fail(j, "GET_STATE", r);
+	j->state = st.state;
+	j->buf_len = (uint32_t)st.mmapSize;
+	return 0;
+}
+
+/*
+ * Load the blocks to read as the backup's block map (state 6): from then
+ * on the driver keeps old contents only of blocks still to be read, and
+ * frees each as it is read, so its cache stays small.  A driver without
+ * the command (it answers 3 and stays in state 4) is read in state 4.
+ */
+static int load_map(struct job *j, const unsigned char *want)
+{
+	State st;
+	int r = cv_load_block_map(&j->dev, want, j->count);
+
+	if (r == 0) {
+		j->state = BU_STATE_MAP_LOADED;
+		return 0;
+	}
+	memset(&st, 0, sizeof(st));
+	if (r == KIV_ERR_REFUSED &&
+	    cv_get_state(&j->dev, &st, sizeof(st)) == 0 &&
+	    st.state == BU_STATE_SNAPSHOT)
+		return 0;
+	return driver_fail(j, "LOAD_BLOCK_MAP", r);
+}
+
+static void cleanup(struct job *j, int keep_tmp)
+{
+	if (j->fd >= 0) {
+		close(j->fd);
+		j->fd = -1;
+		if (!keep_tmp)
+			unlink(j->tmp);
+	}
+	if (j->dev_open) {
+		if (j->buf != 0)
+			(void)cv_munmap(&j->dev, j->buf, j->buf_len);
+		(void)cv_close(&j->dev);
+		j->dev_open = 0;
+		j->buf = 0;
+	}
+	free(j->chunk);
+	j->chunk = NULL;
+}
+
+static int interrupted(struct job *j, int how, const char *where)
+{
+	cleanup(j, how == 2);
+	return cvb_fail(j->err, CVB_E_INTERRUPTED, "backup interrupted %s; "
+			"the repository is unchanged", where);
+}
+
+/* Read the set of blocks `want` and store them; fills h and the sums. */
+static int read_and_store(struct job *j, struct cvb_header *h,
+			  const unsigned char *want, unsigned char *bad,
+			  struct cvb_backup_result *res)
+{
+	uint32_t bs = j->bs, at = 0, n, i, stored = 0, run_fill = 0;
+	uint32_t nsums = (h->present_count + CVB_RUN_BLOCKS - 1) /
+			 CVB_RUN_BLOCKS;
+	unsigned char *sums = calloc((size_t)nsums * 4 + 4, 1);
+	uint32_t crc = 0;
+	uint64_t off = h->data_offset;
+	int r = 0, rr, first = 1;
+
+	if (sums == NULL)
+		return cvb_fail(j->err, CVB_E_IO, "out of memory");
+	while (at < j->count) {
+		if (!cvb_bit(want, at)) {
+			at++;
+			continue;
+		}
+		for (n = 1; n < j->per_read && at + n < j->count &&
+		     cvb_bit(want, at + n); n++)
+			;
+		r = read_run(j, at, n, j->chunk, &rr);
+		if (r != 0)
+			break;
+		if (rr == KIV_ERR_IO) {
+			/*
+			 * Some blocks of the run could not be read; they
+			 * arrive as zeros.  Before a block map is loaded
+			 * (state 4) nothing is consumed, so each block is
+			 * read again alone to learn which; in state 6 the
+			 * run's all-zero blocks are the candidates.
+			 */
+			for (i = 0; i < n && r == 0; i++) {
+				unsigned char *p = j->chunk + (size_t)i * bs;
+
+				if (j->state == BU_STATE_SNAPSHOT) {
+					r = read_run(j, at + i, 1, p, &rr);
+					if (r == 0 && rr != 0) {
+						memset(p, 0, bs);
+						cvb_set_bit(bad, at + i);
+					}
+				} else if (all_zero(p, bs)) {
+					cvb_set_bit(bad, at + i);
+				}
+			}
+			if (r != 0)
+				break;
+		}
+		for (i = 0; i < n; i++) {
+			crc = cvb_crc32c(crc, j->chunk + (size_t)i * bs, bs);
+			if (++run_fill == CVB_RUN_BLOCKS) {
+				cvb_put32(sums + (size_t)(stored / CVB_RUN_BLOCKS)
+					  * 4, crc);
+				crc = 0;
+				run_fill = 0;
+			}
+			stored++;
+		}
+		r = cvb_write_at(j->fd, j->chunk, (size_t)n * bs, off);
+		if (r != 0) {
+			r = cvb_fail(j->err, CVB_E_IO, "%s: %s", j->tmp,
+				     strerror(r));
+			break;
+		}
+		off += (uint64_t)n * bs;
+		res->blocks_read += n;
+		at += n;
+		if (j->o->progress != NULL)
+			j->o->progress(j->o->progress_ctx,
+				       (uint64_t)res->blocks_read * bs,
+				       (uint64_t)h->present_count * bs);
+		if (j->o->stop != NULL && *j->o->stop) {
+			r = -1;
+			break;
+		}
+		if (first) {
+			first = 0;
+			rr = stage(j, CVB_STAGE_READING);
+			if (rr != 0) {
+				r = -rr;
+				break;
+			}
+		}
+	}
+	if (r == 0 && run_fill > 0)
+		cvb_put32(sums + (size_t)(stored / CVB_RUN_BLOCKS) * 4, crc);
+	if (r == 0 && stored != h->present_count)
+		r = cvb_fail(j->err, CVB_E_DRIVER, "read %u blocks, expected "
+			     "%u", (unsigned)stored,
+			     (unsigned)h->present_count);
+	if (r == 0) {
+		uint32_t bm = cvb_bitmap_bytes(j->count);
+
+		h->unreadable_count = cvb_count_bits(bad, j->count);
+		h->unreadable_crc = cvb_crc32c(0, bad, bm);
+		h->sums_crc = cvb_crc32c(0, sums, (size_t)nsums * 4);
+		r = cvb_write_at(j->fd, bad, bm, h->unreadable_offset);
+		if (r == 0)
+			r = cvb_write_at(j->fd, sums, (size_t)nsums * 4,
+					 h->sums_offset);
+		if (r != 0)
+			r = cvb_fail(j->err, CVB_E_IO, "%s: %s", j->tmp,
+				     strerror(r));
+	}
+	free(sums);
+	return r;
+}
+
+int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
+	       struct cvb_backup_result *res, struct cvb_err *err)
+{
+	struct job j;
+	struct cvb_repo repo;
+	struct cvb_header prev, h;
+	struct cvb_entry e;
+	struct cvb_err ignored;
+	BlockSize geo;
+	AutoMapState ams;
+	unsigned char head[CVB_HEADER_SIZE];
+	unsigned char *want = NULL, *bad = NULL;
+	char name[64], why[200];
+	uint64_t blocks64, t0;
+	uint32_t bm;
+	int r, have_prev, inc, how;
+
+	memset(res, 0, sizeof(*res));
+	memset(&j, 0, sizeof(j));
+	j.o = o;
+	j.err = err;
+	j.fd = -1;
+	r = cvb_repo_load(dir, 1, &repo, err);
+	if (r != 0)
+		return r;
+	if (mkdir(dir, 0700) != 0 && errno != EEXIST) {
+		cvb_repo_free(&repo);
+		return cvb_fail(err, CVB_E_IO, "%s: %s", dir, strerror(errno));
+	}
+	remove_leftovers(dir);
+	have_prev = last_header(&repo, &prev, &ignored) == 0;
+
+	r = cv_open(&j.dev, o->tp, o->control_path);
+	if (r != 0) {
+		cvb_repo_free(&repo);
+		return driver_fail(&j, "opening the control device", r);
+	}
+	j.dev_open = 1;
+	memset(&geo, 0, sizeof(geo));
+	r = cv_get_block_size(&j.dev, o->major, o->minor, &geo, sizeof(geo));
+	if (r != 0) {
+		cleanup(&j, 0);
+		cvb_repo_free(&repo);
+		if (r == KIV_ERR_NO_FS)
+			return cvb_fail(err, CVB_E_DRIVER, "device %u:%u has "
+					"no mounted file system or does not "
+					"exist (GET_BLOCK_SIZE: %s)",
+					(unsigned)o->major, (unsigned)o->minor,
+					cv_result_name(r));
+		return driver_fail(&j, "GET_BLOCK_SIZE", r);
+	}
+	j.bs = (uint32_t)geo.blockSize;
+	blocks64 = (uint64_t)geo.partitionSizeKB * 1024u / j.bs;
+	if (j.bs < 512 || j.bs > CVB_MAX_BLOCK_SIZE || blocks64 == 0 ||
+	    blocks64 > 0xFFFFFFF0u) {
+		cleanup(&j, 0);
+		cvb_repo_free(&repo);
+		return cvb_fail(err, CVB_E_DRIVER, "unusable geometry: block "
+				"size %d, %u KiB", (int)geo.blockSize,
+				(unsigned)geo.partitionSizeKB);
+	}
+	j.count = (uint32_t)blocks64;
+	r = cv_start_backup(&j.dev, o->major, o->minor, j.count,
+			    o->max_cache_blocks ? o->max_cache_blocks
+						: j.count);
+	if (r != 0) {
+		cleanup(&j, 0);
+		cvb_repo_free(&repo);
+		if (r == KIV_ERR_BUSY)
+			return cvb_fail(err, CVB_E_BUSY, "another backup is "
+					"running (START_BACKUP: %s)",
+					cv_result_name(r));
+		return driver_fail(&j, "START_BACKUP", r);
+	}
+	how = stage(&j, CVB_STAGE_STARTED);
+	if (how != 0) {
+		cvb_repo_free(&repo);
+		return interrupted(&j, how, "after START_BACKUP");
+	}
+
+	why[0] = '\0';
+	inc = want_incremental(&j, &repo, &prev, have_prev, why, sizeof(why));
+	t0 = now_us();
+	if (inc) {
+		r = snapshot(&j, prev.key);
+		if (r == 0 && j.state == BU_STATE_STARTED) {
+			/* The driver refused the key: it changed since. */
+			snprintf(why, sizeof(why), "key mismatch at the "
+				 "snapshot");
+			inc = 0;
+			t0 = now_us();
+			r = snapshot(&j, NULL);
+		}
+	} else {
+		r = snapshot(&j, NULL);
+	}
+	res->frozen_us = (uint32_t)(now_us() - t0);
+	if (r == 0 && j.state != BU_STATE_SNAPSHOT)
+		r = cvb_fail(err, CVB_E_DRIVER, "SNAPSHOT left the backup in "
+			     "state %u (%s)", (unsigned)j.state,
+			     cv_backup_state_name(j.state));
+	if (r != 0) {
+		cleanup(&j, 0);
+		cvb_repo_free(&repo);
+		return r;
+	}
+	memset(&h, 0, sizeof(h));
+	memset(&ams, 0, sizeof(ams));
+	if (cv_get_automap_state(&j.dev, &ams, sizeof(ams)) == 0 &&
+	    ams.state == 1) {
+		memcpy(h.key, ams.amsKey.key, CVB_KEY_SIZE);
+		h.flags |= CVB_FLAG_KEY;
+	}
+	h.time = o->time ? o->time : (uint64_t)time(NULL);
+	how = stage(&j, CVB_STAGE_SNAPSHOT);
+	if (how != 0) {
+		cvb_repo_free(&repo);
+		return interrupted(&j, how, "after SNAPSHOT");
+	}
+
+	r = cv_map_read_buffer(&j.dev, j.buf_len, &j.buf);
+	bm = cvb_bitmap_bytes(j.count);
+	want = calloc(bm, 1);
+	bad = calloc(bm, 1);
+	j.per_read = j.buf_len / j.bs;
+	j.chunk = malloc((size_t)j.buf_len + 1);
+	if (r != 0 || j.per_read == 0) {
+		if (r == 0)
+			r = KIV_ERR_INVALID;
+		j.buf = 0;
+		r = driver_fail(&j, "mapping the read buffer", r);
+	} else if (want == NULL || bad == NULL || j.chunk == NULL) {
+		r = cvb_fail(err, CVB_E_IO, "out of memory");
+	}
+	if (r == 0 && inc) {
+		r = cv_get_automap(&j.dev, want, j.count);
+		if (r == KIV_ERR_INVALID) {
+			/* No map was handed over after all: read all. */
+			inc = 0;
+			snprintf(why, sizeof(why), "the driver handed over no "
+				 "change map");
+			r = 0;
+		} else if (r != 0) {
+			r = driver_fail(&j, "GET_AUTOMAP", r);
+		} else {
+			r = load_map(&j, want);
+		}
+	}
+	if (r == 0 && !inc) {
+		r = o->used_blocks ? cvb_ext2_used_blocks(fs_read, &j, j.bs,
+							  j.count, want, NULL,
+							  0)
+				   : 0;
+		if (r == 1) {
+			h.flags |= CVB_FLAG_USED_BLOCKS;
+			res->used_blocks = 1;
+			r = 0;
+		} else {
+			/*
+			 * Not ext2/ext3, or its bitmaps could not be read
+			 * (the read loop then records what is unreadable):
+			 * read every block.
+			 */
+			r = 0;
+			memset(want, 0xFF, bm);
+			if (j.count % 8)
+				want[bm - 1] = (unsigned char)
+					((1u << (j.count % 8)) - 1);
+		}
+		if (r == 0)
+			r = load_map(&j, want);
+	}
+	if (r != 0) {
+		free(want);
+		free(bad);
+		cleanup(&j, 0);
+		cvb_repo_free(&repo);
+		return r;
+	}
+	how = stage(&j, CVB_STAGE_MAP);
+	if (how != 0) {
+		free(want);
+		free(bad);
+		cvb_repo_free(&repo);
+		return interrupted(&j, how, "after the block map");
+	}
+
+	h.version = CVB_FORMAT_VERSION;
+	h.number = repo.count + 1;
+	h.kind = inc ? CVB_KIND_INCREMENTAL : CVB_KIND_FULL;
+	h.parent = inc ? repo.count : 0;
+	h.parent_id = inc ? prev.id : 0;
+	h.id = random_id();
+	h.major = o->major;
+	h.minor = o->minor;
+	h.block_size = j.bs;
+	h.block_count = j.count;
+	h.partition_kb = geo.partitionSizeKB;
+	h.present_count = cvb_count_bits(want, j.count);
+	h.frozen_us = res->frozen_us;
+	cvb_header_layout(&h);
+	h.bitmap_crc = cvb_crc32c(0, want, bm);
+
+	cvb_image_name(h.number, name, sizeof(name));
+	(void)cvb_path(dir, name, j.final, sizeof(j.final));
+	snprintf(j.tmp, sizeof(j.tmp), "%s.tmp", j.final);
+	j.fd = open(j.tmp, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+	if (j.fd < 0)
+		r = cvb_fail(err, CVB_E_IO, "%s: %s", j.tmp, strerror(errno));
+	else if ((r = cvb_write_at(j.fd, want, bm, h.bitmap_offset)) != 0)
+		r = cvb_fail(err, CVB_E_IO, "%s: %s", j.tmp, strerror(r));
+	if (r == 0)
+		r = read_and_store(&j, &h, want, bad, res);
+	free(want);
+	free(bad);
+	if (r < 0) {
+		cvb_repo_free(&repo);
+		return interrupted(&j, -r, "while reading");
+	}
+	if (r != 0) {
+		cleanup(&j, 0);
+		cvb_repo_free(&repo);
+		return r;
+	}
+	/* Everything is read: end the backup before the slow writes. */
+	(void)cv_munmap(&j.dev, j.buf, j.buf_len);
+	j.buf = 0;
+	(void)cv_close(&j.dev);
+	j.dev_open = 0;
+
+	if (h.unreadable_count > 0)
+		h.flags |= CVB_FLAG_UNREADABLE;
+	cvb_header_encode(&h, head);
+	r = cvb_write_at(j.fd, head, sizeof(head), 0);
+	if (r == 0 && fsync(j.fd) != 0)
+		r = errno;
+	if (r == 0 && close(j.fd) != 0)
+		r = errno;
+	else if (r != 0)
+		close(j.fd);
+	j.fd = -1;
+	if (r != 0) {
+		unlink(j.tmp);
+		cleanup(&j, 0);
+		cvb_repo_free(&repo);
+		return cvb_fail(err, CVB_E_IO, "%s: %s", j.tmp, strerror(r));
+	}
+	how = stage(&j, CVB_STAGE_WRITTEN);
+	if (how != 0) {
+		if (how == 1)
+			unlink(j.tmp);
+		cleanup(&j, 1);
+		cvb_repo_free(&repo);
+		return cvb_fail(err, CVB_E_INTERRUPTED, "backup interrupted "
+				"before its rename; the repository is "
+				"unchanged");
+	}
+	if (rename(j.tmp, j.final) != 0 || cvb_fsync_dir(dir) != 0) {
+		r = cvb_fail(err, CVB_E_IO, "%s: %s", j.final, strerror(errno));
+		unlink(j.tmp);
+		cleanup(&j, 0);
+		cvb_repo_free(&repo);
+		return r;
+	}
+	how = stage(&j, CVB_STAGE_RENAMED);
+	if (how != 0) {
+		cleanup(&j, 1);
+		cvb_repo_free(&repo);
+		return cvb_fail(err, CVB_E_INTERRUPTED, "backup interrupted "
+				"before the index was updated; the "
+				"repository is unchanged");
+	}
+	cvb_entry_from_header(&h, &e);
+	r = cvb_repo_append(&repo, &e, err);
+	cleanup(&j, 0);
+	cvb_repo_free(&repo);
+	if (r != 0)
+		return r;
+	(void)stage(&j, CVB_STAGE_DONE);
+
+	res->number = h.number;
+	res->incremental = inc;
+	snprintf(res->why_full, sizeof(res->why_full), "%s", inc ? "" : why);
+	res->block_size = j.bs;
+	res->block_count = j.count;
+	res->unreadable = h.unreadable_count;
+	res->bytes_stored = h.file_size;
+	if (h.unreadable_count > 0)
+		return cvb_fail(err, CVB_E_PARTIAL, "%u blocks could not be "
+				"read; they are recorded as unreadable and "
+				"restore as zeros",
+				(unsigned)h.unreadable_count);
+	return 0;
+}
