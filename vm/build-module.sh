@@ -9,6 +9,7 @@
 #
 #   vm/build-module.sh corvalin     core/ + kernel/ + include/ -> corvalin.ko
 #   vm/build-module.sh blocker      vm/blocker/ -> blocker.ko
+#   vm/build-module.sh lockbug      vm/lockbug/ -> lockbug.ko (the validator self-check)
 #   KDIR=/path/to/linux-2.6.27 vm/build-module.sh corvalin
 #
 # The sources are copied to a fresh directory under $VM_OUT and built
@@ -18,7 +19,7 @@
 set -euo pipefail
 . "$(dirname "$0")/common.sh"
 
-name=${1:?usage: build-module.sh corvalin|blocker}
+name=${1:?usage: build-module.sh corvalin|blocker|lockbug}
 kdir=${KDIR:-$KDIR_DEFAULT}
 [ -f "$kdir/.config" ] && [ -f "$kdir/Module.symvers" ] ||
 	vm_die "$kdir is not a configured and built kernel tree (run vm/build-kernel.sh or set KDIR)"
@@ -40,11 +41,11 @@ corvalin)
 	mdir=$shadow/kernel
 	ours='(include|core|kernel)/[^/]+'
 	;;
-blocker)
-	mkdir -p "$shadow/blocker"
-	cp -p "$VM_DIR/blocker/blocker.c" "$VM_DIR/blocker/Kbuild" "$shadow/blocker/"
-	mdir=$shadow/blocker
-	ours='blocker/[^/]+'
+blocker|lockbug)
+	mkdir -p "$shadow/$name"
+	cp -p "$VM_DIR/$name/$name.c" "$VM_DIR/$name/Kbuild" "$shadow/$name/"
+	mdir=$shadow/$name
+	ours="$name/[^/]+"
 	;;
 *)
 	vm_die "unknown module '$name'"

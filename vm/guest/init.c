@@ -3,14 +3,19 @@
  * initramfs, a static i386 binary linked against musl (today's glibc does
  * not start on 2.6.27).
  *
- * It prepares the guest (proc, sysfs, device nodes, waits for the disk),
- * runs the boot scenario (vm/scenario) against the real corvalin.ko with
- * libcorvalin's real transport, prints the kernel log, and powers off.
- * Everything the host reads comes over the serial console:
+ * It prepares the guest (proc, sysfs, device nodes, waits for the four
+ * disks of vm/guest/disks.h), runs the boot scenario (vm/scenario) against the real
+ * corvalin.ko with libcorvalin's real transport, then, when the scenario
+ * passed, the backups with writers running (backup.c), prints the kernel
+ * log, and powers off.  Everything the host reads comes over the serial
+ * console (and the images backup.c writes to sdb):
  *
  *	"SCN <line>"			a transcript line of the scenario
+ *	"BKP <line>"			a line of backup.c (see there)
+ *	"==== corvalin guest: backups done: <n> failures ===="
  *	"==== corvalin kernel log ===="	the whole kernel log follows...
  *	"==== corvalin kernel log end ===="
+ *	"==== corvalin guest: lock validator debug_locks <0|1> ===="
  *	"==== corvalin guest done: <n> failures ===="	the last line
  *
  * The console log level is lowered once the guest is set up, so that the
@@ -41,78 +46,55 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "disks.h"
+#include "guest.h"
 #include "scenario.h"
 
-#define MODULE_DIR	"/lib/modules"
 #define DISK_WAIT_MS	10000
+#define HUNG_TASK_SECS	"20\n"	/* /proc/sys/kernel/hung_task_timeout_secs */
 #define PAGE		4096
 
 /* syslog(2) actions of 2.6.27 */
-#define LOG_READ	2
-#define LOG_READ_ALL	3
 #define LOG_CONSOLE_LEVEL 8
-#define LOG_UNREAD	9
-#define LOG_BUF_LEN	10
 
 static const char *const module_names[] = { "corvalin", "blocker" };
 static const char *const fs_types[] = { NULL, "ext2", "ext3" };
 
-/* ---- output -------------------------------------------------------- */
-
-static void out(const char *fmt, ...)
-{
-	char line[512];
-	va_list ap;
-	int n;
-
-	va_start(ap, fmt);
-	n = vsnprintf(line, sizeof(line) - 1, fmt, ap);
-	va_end(ap);
-	if (n < 0)
-		return;
-	if (n > (int)sizeof(line) - 2)
-		n = (int)sizeof(line) - 2;
-	line[n++] = '\n';
-	/*
-	 * One write per line, so the two processes never split each
-	 * other's; then wait until the serial line sent it.  The tty sends
-	 * from a buffer while printk writes to the console at once: without
-	 * the wait, the kernel's console messages land in the middle of our
-	 * lines, and out of order.
-	 */
-	(void)!write(1, line, (size_t)n);
-	tcdrain(1);
-}
-
-static void power_off(void)
-{
-	sync();
-	reboot(RB_POWER_OFF);
-	/* Without ACPI power-off, returning makes the kernel panic; with
-	 * panic=-1 on its command line it then reboots and QEMU, started
-	 * with -no-reboot, exits. */
-	_exit(1);
-}
-
-static void die(const char *what)
-{
-	out("==== corvalin guest error: %s: %s ====", what, strerror(errno));
-	power_off();
-}
-
 /* ---- guest set-up -------------------------------------------------- */
 
-static void node(const char *path, mode_t type, int major, int minor)
+/*
+ * The lock validator switches itself off after its first report, or when
+ * it runs out of room; "debug_locks: 1" at the end shows it watched the
+ * whole scenario.
+ */
+static void report_lock_validator(void)
 {
-	unlink(path);
-	if (mknod(path, type | 0600, makedev(major, minor)) != 0)
-		die(path);
+	char buf[4096];
+	const char *line;
+	ssize_t n;
+	int fd = open("/proc/lockdep_stats", O_RDONLY);
+
+	if (fd < 0)
+		die("/proc/lockdep_stats");
+	n = read(fd, buf, sizeof(buf) - 1);
+	close(fd);
+	if (n <= 0)
+		die("/proc/lockdep_stats");
+	buf[n] = '\0';
+	line = strstr(buf, "debug_locks:");
+	if (!line)
+		die("no debug_locks in /proc/lockdep_stats");
+	line += strlen("debug_locks:");
+	while (*line == ' ')
+		line++;
+	out("==== corvalin guest: lock validator debug_locks %d ====",
+	    atoi(line));
 }
 
 static void setup(void)
 {
 	struct stat st;
-	int waited, fd;
+	int waited;
 
 	mkdir("/proc", 0755);
 	mkdir("/sys", 0755);
@@ -120,6 +102,7 @@ static void setup(void)
 	mkdir("/mnt", 0755);
 	mkdir("/mnt/p1", 0755);
 	mkdir("/mnt/p2", 0755);
+	mkdir("/mnt/repo", 0755);
 	if (mount("proc", "/proc", "proc", 0, NULL) != 0)
 		die("mount /proc");
 	if (mount("sysfs", "/sys", "sysfs", 0, NULL) != 0)
@@ -129,20 +112,32 @@ static void setup(void)
 	node("/dev/sda", S_IFBLK, SCN_DISK_MAJOR, 0);
 	node("/dev/sda1", S_IFBLK, SCN_DISK_MAJOR, 1);
 	node("/dev/sda2", S_IFBLK, SCN_DISK_MAJOR, 2);
+	node("/dev/sdb", S_IFBLK, SCN_DISK_MAJOR, SCN_SDB_MINOR);
+	node("/dev/sdc", S_IFBLK, SCN_DISK_MAJOR, GUEST_SDC_MINOR);
+	node("/dev/sdc1", S_IFBLK, SCN_DISK_MAJOR, GUEST_SDC_MINOR + 1);
+	node("/dev/sdc2", S_IFBLK, SCN_DISK_MAJOR, GUEST_SDC_MINOR + 2);
+	node("/dev/sdd", S_IFBLK, SCN_DISK_MAJOR, GUEST_SDD_MINOR);
+	/* The backup program draws its temporary names from here. */
+	node("/dev/urandom", S_IFCHR, 1, 9);
 
 	/* An oops stops the guest at once (panic=-1 then reboots, and QEMU
 	 * exits) instead of running on with a half-dead kernel. */
-	fd = open("/proc/sys/kernel/panic_on_oops", O_WRONLY);
-	if (fd < 0 || write(fd, "1\n", 2) != 2)
-		die("/proc/sys/kernel/panic_on_oops");
-	close(fd);
+	write_proc("/proc/sys/kernel/panic_on_oops", "1\n");
+	/* A task blocked in D state this long is reported ("INFO: task ...
+	 * blocked for more than 20 seconds.") well within the boot test's
+	 * time limit, with the locks it holds, instead of the guest just
+	 * never finishing. */
+	write_proc("/proc/sys/kernel/hung_task_timeout_secs", HUNG_TASK_SECS);
 
 	/* The disk's probe and partition scan normally end before /init
 	 * runs; wait a little in case they do not. */
-	for (waited = 0; stat("/sys/block/sda/sda2", &st) != 0; waited += 50) {
+	for (waited = 0; stat("/sys/block/sda/sda2", &st) != 0 ||
+	     stat("/sys/block/sdb", &st) != 0 ||
+	     stat("/sys/block/sdc/sdc2", &st) != 0 ||
+	     stat("/sys/block/sdd", &st) != 0; waited += 50) {
 		if (waited >= DISK_WAIT_MS) {
 			errno = ENODEV;
-			die("no /sys/block/sda/sda2");
+			die("no /sys/block/sda/sda2, sdb, sdc/sdc2 or sdd");
 		}
 		usleep(50000);
 	}
@@ -163,53 +158,70 @@ struct request {
 
 struct guest {
 	struct child second;
-	char klog[64 * 1024];	/* unread kernel log not yet handed out */
-	size_t klog_len;
 };
 
 static struct guest guest;
 
 static int load_module(void *ctx, int module)
 {
-	char path[128];
-	struct stat st;
-	void *image;
-	long r;
-	int fd;
-
 	(void)ctx;
-	snprintf(path, sizeof(path), MODULE_DIR "/%s.ko",
-		 module_names[module]);
-	fd = open(path, O_RDONLY);
-	if (fd < 0 || fstat(fd, &st) != 0)
-		die(path);
-	image = mmap(NULL, (size_t)st.st_size, PROT_READ, MAP_PRIVATE, fd, 0);
+	return insmod(module_names[module]);
+}
+
+/*
+ * Booted with corvalin.selftest=lockdep, the guest only loads lockbug.ko,
+ * which commits a lock order inversion, and powers off: the host expects
+ * the boot test's verdict to find the validator's report.  1 when that
+ * mode was asked for (and done), else 0.
+ */
+static int self_test(void)
+{
+	char cmdline[1024];
+	ssize_t n;
+	int fd = open("/proc/cmdline", O_RDONLY), r;
+
+	if (fd < 0)
+		die("/proc/cmdline");
+	n = read(fd, cmdline, sizeof(cmdline) - 1);
 	close(fd);
-	if (image == MAP_FAILED)
-		die(path);
-	r = syscall(SYS_init_module, image, (unsigned long)st.st_size, "");
-	r = r == 0 ? 0 : -errno;
-	munmap(image, (size_t)st.st_size);
-	return (int)r;
+	if (n < 0)
+		die("/proc/cmdline");
+	cmdline[n] = '\0';
+	if (!strstr(cmdline, "corvalin.selftest=lockdep"))
+		return 0;
+	out("==== corvalin guest: self-test lockdep ====");
+	r = insmod("lockbug");
+	out("==== corvalin guest: lockbug loaded: %d ====", r);
+	return 1;
 }
 
 static int unload_module(void *ctx, int module)
 {
 	(void)ctx;
-	/* As rmmod does: fail at once instead of waiting for the users. */
-	if (syscall(SYS_delete_module, module_names[module], O_NONBLOCK) != 0)
-		return -errno;
-	return 0;
+	return rmmod(module_names[module]);
+}
+
+int guest_mount(int partition)
+{
+	char dev[32], dir[32];
+
+	snprintf(dev, sizeof(dev), "/dev/sda%d", partition);
+	snprintf(dir, sizeof(dir), "/mnt/p%d", partition);
+	return mount(dev, dir, fs_types[partition], 0, NULL) == 0 ? 0 : -errno;
+}
+
+int guest_umount(int partition)
+{
+	char dir[32];
+
+	snprintf(dir, sizeof(dir), "/mnt/p%d", partition);
+	return umount(dir) == 0 ? 0 : -errno;
 }
 
 static int mount_fs(void *ctx, int partition)
 {
-	char dev[32], dir[32];
-
 	(void)ctx;
-	snprintf(dev, sizeof(dev), "/dev/sda%d", partition);
-	snprintf(dir, sizeof(dir), "/mnt/p%d", partition);
-	return mount(dev, dir, fs_types[partition], 0, NULL) == 0 ? 0 : -errno;
+	return guest_mount(partition);
 }
 
 /*
@@ -233,8 +245,7 @@ static int umount_fs(void *ctx, int partition)
 		return -EIO;
 	}
 	close(fd);
-	snprintf(path, sizeof(path), "/mnt/p%d", partition);
-	return umount(path) == 0 ? 0 : -errno;
+	return guest_umount(partition);
 }
 
 static int read_full(int fd, void *buf, size_t len)
@@ -393,49 +404,10 @@ static cv_uaddr readonly(void *ctx)
 	return readonly_page;
 }
 
-/*
- * Take the unread part of the kernel log (a destructive read that leaves
- * the whole log to LOG_READ_ALL) and hand it out line by line, without the
- * "[seconds.micros] " that CONFIG_PRINTK_TIME puts after the level.
- */
 static int klog(void *ctx, char *line, size_t size)
 {
-	struct guest *g = ctx;
-	int unread = klogctl(LOG_UNREAD, NULL, 0);
-	char *nl, *text;
-	size_t len;
-
-	while (unread > 0 && g->klog_len < sizeof(g->klog)) {
-		int n = klogctl(LOG_READ, g->klog + g->klog_len,
-				(int)(sizeof(g->klog) - g->klog_len));
-
-		if (n <= 0)
-			break;
-		g->klog_len += (size_t)n;
-		unread = klogctl(LOG_UNREAD, NULL, 0);
-	}
-	nl = memchr(g->klog, '\n', g->klog_len);
-	if (nl == NULL)
-		return 0;		/* only an unfinished line, if any */
-	*nl = '\0';
-	text = g->klog;
-	len = 0;
-	if (text[0] == '<' && text[1] != '\0' && text[2] == '>') {
-		memcpy(line, text, size > 3 ? 3 : size);
-		len = 3;
-		text += 3;
-	}
-	if (text[0] == '[') {
-		char *end = strchr(text, ']');
-
-		if (end != NULL && end[1] == ' ')
-			text = end + 2;
-	}
-	snprintf(line + len, size - len, "%s", text);
-	len = (size_t)(nl + 1 - g->klog);
-	memmove(g->klog, nl + 1, g->klog_len - len);
-	g->klog_len -= len;
-	return 1;
+	(void)ctx;
+	return guest_klog(line, size);
 }
 
 static void print(void *ctx, const char *line)
@@ -446,28 +418,6 @@ static void print(void *ctx, const char *line)
 
 /* ---- main ------------------------------------------------------------ */
 
-static void dump_kernel_log(void)
-{
-	int size = klogctl(LOG_BUF_LEN, NULL, 0);
-	char *buf;
-	int n;
-
-	if (size <= 0)
-		size = 1 << 17;
-	buf = malloc((size_t)size);
-	if (buf == NULL)
-		return;
-	n = klogctl(LOG_READ_ALL, buf, size);
-	out("==== corvalin kernel log ====");
-	if (n > 0) {
-		(void)!write(1, buf, (size_t)n);
-		if (buf[n - 1] != '\n')
-			out("");
-	}
-	out("==== corvalin kernel log end ====");
-	free(buf);
-}
-
 int main(void)
 {
 	struct scn_platform p;
@@ -477,6 +427,8 @@ int main(void)
 	if (fcntl(1, F_GETFD) < 0)
 		power_off();
 	setup();
+	if (self_test())
+		power_off();
 	/* From here only warnings and worse reach the console directly. */
 	klogctl(LOG_CONSOLE_LEVEL, NULL, 5);
 
@@ -493,12 +445,20 @@ int main(void)
 	p.readonly = readonly;
 	p.klog = klog;
 	p.print = print;
+	p.disk_has_fs = 1;
 
 	out("==== corvalin guest: scenario ====");
 	failures = scn_run(&p);
 	stop_second(&guest.second);
+	if (failures == 0) {
+		out("==== corvalin guest: backups ====");
+		failures = bkp_run();
+		out("==== corvalin guest: backups done: %d failures ====",
+		    failures);
+	}
 
 	dump_kernel_log();
+	report_lock_validator();
 	out("==== corvalin guest done: %d failures ====", failures);
 	power_off();
 	return 0;

@@ -49,6 +49,20 @@ extern "C" {
 #define SCN_P2_START		18432
 #define SCN_P2_SECTORS		47104
 #define SCN_P2_BLOCK		4096
+/* Their sizes in file-system blocks (what START_BACKUP is told). */
+#define SCN_P1_BLOCKS		(SCN_P1_SECTORS / (SCN_P1_BLOCK / 512))
+#define SCN_P2_BLOCKS		(SCN_P2_SECTORS / (SCN_P2_BLOCK / 512))
+
+/*
+ * The guest's second disk, sdb (block major 8, minor 16): no label, the
+ * raw images of the guest's full backups (vm/guest/backup.c) at fixed
+ * sectors, sda1's then sda2's.  Only the guest writes it; the host
+ * checks the images (vm/vmtest.sh).  The emulated run has no such disk.
+ */
+#define SCN_SDB_MINOR		16
+#define SCN_SDB_SECTORS		63488	/* 31 MiB */
+#define SCN_SDB_P1_START	0
+#define SCN_SDB_P2_START	16384
 
 /* Modules the scenario loads. */
 #define SCN_MOD_CORVALIN	0	/* corvalin.ko */
@@ -95,6 +109,10 @@ struct scn_platform {
 	int (*klog)(void *ctx, char *line, size_t size);
 	/* One transcript line (without '\n'). */
 	void (*print)(void *ctx, const char *line);
+	/* 1 when the disk holds the file systems that vm/mkdisk.sh makes
+	 * (the guest; the emulated run given the guest's image), so that
+	 * what READ_BLOCKS delivers can be checked against them. */
+	int disk_has_fs;
 };
 
 /*
