@@ -3,16 +3,18 @@
 #   make            build everything (emulated kernel, driver, library, tools)
 #   make test       install what is missing, build with ASan+UBSan, run all tests
 #   make tsan       ThreadSanitizer build of the concurrency suites, and run them
-#   make demo       the tour: load the emulated module and drive it
+#   make demo       the backup program in the emulated kernel: a full backup
+#                   and two incrementals of a partition in use, restores, verify
 #   make module KDIR=/path/to/linux-2.6.27   build corvalin.ko for a real kernel
 #   make vmtest     boot a real 2.6.27 kernel in QEMU and test the real module
 #   make bench      benchmarks (plain optimised build)
+#   make vmbench    the backup benchmarks on a real 2.6.27 kernel in QEMU
 
 BUILD    ?= build
 JOBS     ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo -G Ninja)
 
-.PHONY: all deps test tsan demo module vmtest bench clean
+.PHONY: all deps test tsan demo module vmtest bench vmbench clean
 
 all: $(BUILD)/asan/CMakeCache.txt
 	cmake --build $(BUILD)/asan -j $(JOBS)
@@ -38,12 +40,12 @@ test: $(BUILD)/asan/CMakeCache.txt
 
 tsan: $(BUILD)/tsan/CMakeCache.txt
 	cmake --build $(BUILD)/tsan -j $(JOBS)
-	cd $(BUILD)/tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+	cd $(BUILD)/tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tests/tsan.supp" \
 	  ctest --output-on-failure -j $(JOBS) -L concurrency --timeout 600
 
 demo: $(BUILD)/plain/CMakeCache.txt
 	cmake --build $(BUILD)/plain -j $(JOBS) --target corvalin
-	$(BUILD)/plain/tools/corvalin tour
+	$(BUILD)/plain/tools/corvalin demo
 
 # corvalin.ko with the kernel's own flags, held to our rules: no compiler
 # warning in our sources, no symbol 2.6.27 does not export (modpost), a
@@ -64,6 +66,12 @@ vmtest:
 bench: $(BUILD)/plain/CMakeCache.txt
 	cmake --build $(BUILD)/plain -j $(JOBS)
 	@for b in $(BUILD)/plain/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+
+# The backup benchmarks of bench/ on the real kernel: the boot test's
+# kernel and module, a guest of their own (vm/bench), figures printed.
+vmbench:
+	@scripts/install-deps.sh vm
+	CORVALIN_BUILD=$(abspath $(BUILD)) vm/vmbench.sh
 
 clean:
 	rm -rf $(BUILD)
