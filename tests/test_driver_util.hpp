@@ -50,20 +50,9 @@ inline void write_dos_label(emu::Disk &disk, std::uint32_t first1,
 			    std::uint32_t sectors1, std::uint32_t first2,
 			    std::uint32_t sectors2)
 {
-	std::array<std::byte, 512> s{};
-	const std::uint32_t entries[2][2] = {{first1, sectors1},
-					     {first2, sectors2}};
-	for (int i = 0; i < 2; i++) {
-		std::byte *e = s.data() + 0x1be + 16 * i;
-		e[4] = std::byte{0x83};
-		for (int b = 0; b < 4; b++) {
-			e[8 + b] = std::byte(entries[i][0] >> (8 * b));
-			e[12 + b] = std::byte(entries[i][1] >> (8 * b));
-		}
-	}
-	s[510] = std::byte{0x55};
-	s[511] = std::byte{0xAA};
-	disk.write(0, s);
+	const emu::DosPartition parts[] = {{first1, sectors1},
+					   {first2, sectors2}};
+	emu::write_dos_label(disk, parts);
 }
 
 

@@ -7,7 +7,9 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,26 +24,11 @@ using namespace blocktest;
 
 namespace {
 
-struct Entry {
-	std::uint32_t start, size;
-	unsigned char type = 0x83;
-};
-
 // A DOS label with up to four primary entries in sector 0 of `disk`.
-void write_label(emu::Disk &disk, const std::vector<Entry> &entries)
+void write_label(emu::Disk &disk,
+		 std::initializer_list<emu::DosPartition> entries)
 {
-	std::array<std::byte, 512> s{};
-	for (std::size_t i = 0; i < entries.size(); i++) {
-		std::byte *e = s.data() + 0x1be + 16 * i;
-		e[4] = std::byte{entries[i].type};
-		for (int b = 0; b < 4; b++) {
-			e[8 + b] = std::byte(entries[i].start >> (8 * b));
-			e[12 + b] = std::byte(entries[i].size >> (8 * b));
-		}
-	}
-	s[510] = std::byte{0x55};
-	s[511] = std::byte{0xAA};
-	disk.write(0, s);
+	emu::write_dos_label(disk, std::span(entries.begin(), entries.size()));
 }
 
 bool holds(struct mutex *m)

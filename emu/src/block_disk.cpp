@@ -24,6 +24,7 @@
 // either way.  A request that touches a failing sector transfers nothing
 // and ends with that sector's error.
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
@@ -572,6 +573,25 @@ int emu::Disk::add_partition(int partno, std::uint64_t start,
 			     std::uint64_t sectors)
 {
 	return ::add_partition(impl_->disk, partno, start, sectors, 0);
+}
+
+void emu::write_dos_label(Disk &disk, std::span<const DosPartition> parts)
+{
+	std::array<std::byte, 512> s{};
+	if (parts.size() > 4)
+		violation(Site{__FILE__, __LINE__},
+			  "a DOS label has four primary partitions");
+	for (std::size_t i = 0; i < parts.size(); i++) {
+		std::byte *e = s.data() + 0x1be + 16 * i;
+		e[4] = std::byte{0x83};
+		for (int b = 0; b < 4; b++) {
+			e[8 + b] = std::byte(parts[i].start >> (8 * b));
+			e[12 + b] = std::byte(parts[i].sectors >> (8 * b));
+		}
+	}
+	s[510] = std::byte{0x55};
+	s[511] = std::byte{0xAA};
+	disk.write(0, s);
 }
 
 void emu::Disk::delete_partition(int partno)

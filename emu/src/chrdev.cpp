@@ -86,9 +86,9 @@ namespace emu::proc {
 
 namespace {
 
-// A block device node: the block device files' operations (no module
-// reference: the emulated disks belong to no module).
-OpenFile *open_block_node(struct inode *inode, int *err)
+// A struct file as __dentry_open makes it for an open(O_RDWR) of inode,
+// with one reference and no f_op yet.
+OpenFile *new_open_file(struct inode *inode)
 {
 	auto *f = new OpenFile;
 	f->inode = inode;
@@ -99,6 +99,14 @@ OpenFile *open_block_node(struct inode *inode, int *err)
 		FMODE_PREAD | FMODE_PWRITE;
 	atomic_long_set(&f->file.f_count, 1);
 	INIT_LIST_HEAD(&f->file.fu_list);
+	return f;
+}
+
+// A block device node: the block device files' operations (no module
+// reference: the emulated disks belong to no module).
+OpenFile *open_block_node(struct inode *inode, int *err)
+{
+	OpenFile *f = new_open_file(inode);
 	f->file.f_op = emu::blk::block_fops();
 	int ret = f->file.f_op->open(inode, &f->file);
 	if (ret) {
@@ -145,16 +153,8 @@ OpenFile *open_node(const char *path, int *err)
 		*err = -ENXIO;
 		return nullptr;
 	}
-	auto *f = new OpenFile;
-	f->inode = inode;
+	OpenFile *f = new_open_file(inode);
 	f->cdev_owner = dev.owner;
-	f->dentry.d_inode = inode;
-	f->file.f_path.dentry = &f->dentry;
-	f->file.f_flags = 02;   // O_RDWR
-	f->file.f_mode = FMODE_READ | FMODE_WRITE | FMODE_LSEEK |
-		FMODE_PREAD | FMODE_PWRITE;
-	atomic_long_set(&f->file.f_count, 1);
-	INIT_LIST_HEAD(&f->file.fu_list);
 	f->file.f_op = fops_get(dev.fops);
 	if (!f->file.f_op) {
 		module_put(dev.owner);

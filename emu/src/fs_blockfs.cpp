@@ -175,6 +175,23 @@ struct emu::FileSystem::Impl final : blk::Mounted {
 		return bs >= 512 && len == bs && block < nblocks;
 	}
 
+	// A write of `data` to `block`, up to the new page holding it: 0
+	// with *page set, or the write's error.
+	int page_for_write(std::uint64_t block, std::span<const std::byte> data,
+			   struct page **page) const
+	{
+		if (!valid(block, data.size()))
+			return -EINVAL;
+		if (read_only)
+			return -EROFS;
+		*page = alloc_page(GFP_NOFS);
+		if (!*page)
+			return -ENOMEM;
+		std::memcpy(kmap(*page), data.data(), data.size());
+		kunmap(*page);
+		return 0;
+	}
+
 	// Puts `page` in as the dirty copy of `block`, freeing the old one.
 	void dirty_block(std::uint64_t block, struct page *page)
 	{
@@ -305,11 +322,9 @@ int emu::FileSystem::write_block(std::uint64_t block,
 	if (fs.read_only)
 		return -EROFS;
 	(emu::might_sleep)({__FILE__, __LINE__});
-	struct page *page = alloc_page(GFP_NOFS);
-	if (!page)
-		return -ENOMEM;
-	std::memcpy(kmap(page), data.data(), data.size());
-	kunmap(page);
+	struct page *page;
+	if (int err = fs.page_for_write(block, data, &page))
+		return err;
 
 	{
 		std::unique_lock lk(fs.m);
@@ -333,15 +348,9 @@ int emu::FileSystem::write_mapped(std::uint64_t block,
 				  std::span<const std::byte> data)
 {
 	Impl &fs = *impl_;
-	if (!fs.valid(block, data.size()))
-		return -EINVAL;
-	if (fs.read_only)
-		return -EROFS;
-	struct page *page = alloc_page(GFP_NOFS);
-	if (!page)
-		return -ENOMEM;
-	std::memcpy(kmap(page), data.data(), data.size());
-	kunmap(page);
+	struct page *page;
+	if (int err = fs.page_for_write(block, data, &page))
+		return err;
 	fs.dirty_block(block, page);
 	return 0;
 }

@@ -282,22 +282,36 @@ extern "C" void emu_full_barrier(void)
 #endif
 }
 
+namespace {
+
+// spin_lock_init/rwlock_init: the lock is clean memory with its magic; a
+// lock this task still holds must not be initialised over.  With a name:
+// its validator class is the initialisation site's.
+template <typename Lock>
+void lock_init(Lock *lock, unsigned magic, emu::lockdep::Type type,
+	       const char *name, emu::Site at)
+{
+	emu::check_no_held_lock_in(lock, sizeof(*lock), at);
+	std::memset(lock, 0, sizeof(*lock));
+	lock->magic = magic;
+	if (name)
+		emu::lockdep::init_key(&lock->dep, type, name, at.file,
+				       at.line);
+}
+
+}  // namespace
+
 extern "C" void emu_spin_lock_init(spinlock_t *lock)
 {
-	emu::check_no_held_lock_in(lock, sizeof(*lock),
-				   emu::Site{"spin_lock_init", 0});
-	std::memset(lock, 0, sizeof(*lock));
-	lock->magic = SPINLOCK_MAGIC;
+	lock_init(lock, SPINLOCK_MAGIC, emu::lockdep::Type::Spin, nullptr,
+		  emu::Site{"spin_lock_init", 0});
 }
 
 extern "C" void emu_spin_lock_init_key(spinlock_t *lock, const char *name,
 				       const char *file, int line)
 {
-	emu::check_no_held_lock_in(lock, sizeof(*lock), emu::site(file, line));
-	std::memset(lock, 0, sizeof(*lock));
-	lock->magic = SPINLOCK_MAGIC;
-	emu::lockdep::init_key(&lock->dep, emu::lockdep::Type::Spin, name,
-			       file, line);
+	lock_init(lock, SPINLOCK_MAGIC, emu::lockdep::Type::Spin, name,
+		  emu::site(file, line));
 }
 
 extern "C" void emu_spin_lock(spinlock_t *lock, const char *file, int line)
@@ -406,20 +420,15 @@ static void rw_release(rwlock_t *lock, LockKind kind, const char *file,
 
 extern "C" void emu_rwlock_init(rwlock_t *lock)
 {
-	emu::check_no_held_lock_in(lock, sizeof(*lock),
-				   emu::Site{"rwlock_init", 0});
-	std::memset(lock, 0, sizeof(*lock));
-	lock->magic = RWLOCK_MAGIC;
+	lock_init(lock, RWLOCK_MAGIC, emu::lockdep::Type::Rwlock, nullptr,
+		  emu::Site{"rwlock_init", 0});
 }
 
 extern "C" void emu_rwlock_init_key(rwlock_t *lock, const char *name,
 				    const char *file, int line)
 {
-	emu::check_no_held_lock_in(lock, sizeof(*lock), emu::site(file, line));
-	std::memset(lock, 0, sizeof(*lock));
-	lock->magic = RWLOCK_MAGIC;
-	emu::lockdep::init_key(&lock->dep, emu::lockdep::Type::Rwlock, name,
-			       file, line);
+	lock_init(lock, RWLOCK_MAGIC, emu::lockdep::Type::Rwlock, name,
+		  emu::site(file, line));
 }
 
 // read_lock/write_lock: a task that already holds the lock for writing

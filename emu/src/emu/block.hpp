@@ -192,6 +192,17 @@ private:
 	std::unique_ptr<Impl> impl_;
 };
 
+// A partition of a DOS label: its first sector and its length.
+struct DosPartition {
+	std::uint32_t start;
+	std::uint32_t sectors;
+};
+
+// Writes a DOS label to sector 0 of `disk` (backing store only) naming
+// `parts` as partitions 1, 2, ... (type 0x83): what the next BLKRRPART,
+// or the scan when a disk is added, finds.  At most four.
+void write_dos_label(Disk &disk, std::span<const DosPartition> parts);
+
 // A block size of 0 asks the file system to read it from an ext2/ext3
 // super block on the device (1024 << s_log_block_size).
 class FileSystem {
