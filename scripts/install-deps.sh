@@ -2,16 +2,17 @@
 # Install what the project needs on a fresh Debian machine, and nothing when
 # it is already there (so every make target can call it cheaply).
 #
-#   scripts/install-deps.sh host   compilers, CMake, GoogleTest, Benchmark
-#   scripts/install-deps.sh vm     + QEMU, the i386 toolchain and musl
+#   scripts/install-deps.sh host   compilers, CMake, GoogleTest, Benchmark,
+#                                  and the target's toolchain (i386, musl)
+#                                  for the test of the target's program
+#   scripts/install-deps.sh vm     + QEMU and what builds 2.6.27
 set -euo pipefail
 
 want=${1:-host}
 
 host_pkgs=(cmake ninja-build g++ gcc make libgtest-dev libgmock-dev googletest
-           libbenchmark-dev e2fsprogs)
-vm_pkgs=(qemu-system-x86 gcc-12-multilib musl-dev:i386 e2fsprogs xz-utils perl
-         patch kmod)
+           libbenchmark-dev e2fsprogs gcc-12-multilib musl-dev:i386)
+vm_pkgs=(qemu-system-x86 xz-utils perl patch kmod)
 
 missing() {
 	local p out=()
@@ -29,9 +30,9 @@ as_root() {
 pkgs=("${host_pkgs[@]}")
 if [ "$want" = vm ]; then
 	pkgs+=("${vm_pkgs[@]}")
-	if ! dpkg --print-foreign-architectures | grep -qx i386; then
-		as_root dpkg --add-architecture i386
-	fi
+fi
+if ! dpkg --print-foreign-architectures | grep -qx i386; then
+	as_root dpkg --add-architecture i386
 fi
 
 mapfile -t need < <(missing "${pkgs[@]}" | sed '/^$/d')

@@ -24,16 +24,10 @@ protected:
 		hook();
 		emu::log_clear();
 	}
-	// A block map for state 6 holding exactly `blocks`.
+	// A block map for state 6 holding exactly `blocks`, and state 6.
 	void load_map(std::initializer_list<std::uint32_t> blocks)
 	{
-		int pages = 0;
-		ASSERT_EQ(newBlockMap(&b_->blockMap, bt::kP1Blocks, nullptr, 1,
-				      &pages), 0);
-		atomic_add(pages, &b_->totalAllocPages);
-		atomic_add(pages, &b_->curAllocPages);
-		for (std::uint32_t n : blocks)
-			ASSERT_EQ(setBlock(&b_->blockMap, n), 0);
+		BackupTest::load_map(blocks);
 		set_state(BU_STATE_MAP_LOADED);
 	}
 };

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <sched.h>
@@ -209,6 +210,18 @@ protected:
 		down_write(&b->writers);
 		setBackupState(b, state);
 		up_write(&b->writers);
+	}
+	// The backup's block map (as LOAD_BLOCK_MAP builds it, pages
+	// counted) holding exactly `blocks`; the state is left as it is.
+	void load_map(std::initializer_list<std::uint32_t> blocks)
+	{
+		int pages = 0;
+		ASSERT_EQ(newBlockMap(&b_->blockMap, bt::kP1Blocks, nullptr, 1,
+				      &pages), 0);
+		atomic_add(pages, &b_->totalAllocPages);
+		atomic_add(pages, &b_->curAllocPages);
+		for (std::uint32_t n : blocks)
+			ASSERT_EQ(setBlock(&b_->blockMap, n), 0);
 	}
 
 	// A bio over `blocks` whole blocks of `bs` bytes of partition partno,

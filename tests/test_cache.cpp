@@ -26,16 +26,6 @@ protected:
 		up_read(&b_->cacheUsers);
 		return r;
 	}
-	void load_map(std::initializer_list<std::uint32_t> blocks)
-	{
-		int pages = 0;
-		ASSERT_EQ(newBlockMap(&b_->blockMap, bt::kP1Blocks, nullptr, 1,
-				      &pages), 0);
-		atomic_add(pages, &b_->totalAllocPages);
-		atomic_add(pages, &b_->curAllocPages);
-		for (std::uint32_t n : blocks)
-			ASSERT_EQ(setBlock(&b_->blockMap, n), 0);
-	}
 	std::vector<std::uint32_t> bucket(std::uint32_t i)
 	{
 		std::vector<std::uint32_t> v;

@@ -3,7 +3,8 @@
 // the partition restores every snapshot byte for byte and reads only the
 // changed blocks; each chain-breaking event the driver lets another
 // program provoke (its own snapshot, NO_START_AUTOMAP, UNLOAD, a module
-// reload) makes the next backup full, saying why, and the chain goes on.
+// reload, a failed backup) and a partition grown under the chain make
+// the next backup full, saying why, and the chain goes on.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -27,6 +28,7 @@ EmuWorld::Config config()
 	c.blocks = 2048;
 	c.per_group = 512;
 	c.seed = 21;
+	c.room = 64;
 	return c;
 }
 
@@ -120,7 +122,7 @@ void other_unload()
 	ASSERT_EQ(cv_close(&dev), 0);
 }
 
-enum class Event { Snapshot, NoStart, Unload, Reload, Failed };
+enum class Event { Snapshot, NoStart, Unload, Reload, Failed, Grown };
 
 std::string event_name(Event e)
 {
@@ -133,6 +135,8 @@ std::string event_name(Event e)
 		return "Unload";
 	case Event::Failed:
 		return "AnotherProgramsFailedBackup";
+	case Event::Grown:
+		return "PartitionGrown";
 	default:
 		return "ModuleReload";
 	}
@@ -182,6 +186,26 @@ TEST_P(ProgramChainBreak, NextBackupIsFullAndTheChainGoesOn)
 		why = "the partition is not tracked (module reloaded, or "
 		      "tracking stopped)";
 		break;
+	case Event::Grown: {
+		// Unmounted, relabelled 64 blocks longer, the table re-read
+		// on the tracked disk, mounted again; then a write lands
+		// past the old end.  The session clips it to the partition
+		// it was made for, so its map neither records it nor drops
+		// out of sync: only the size the program compares breaks
+		// the chain.
+		(void)w.new_log_lines();
+		ASSERT_EQ(w.grow_partition(64), 0);
+		ASSERT_EQ(w.blocks(), 2048u + 64u);
+		EXPECT_EQ(w.new_log_lines(),
+			  std::vector<std::string>{"<6> sda: sda1"});
+		std::vector<std::byte> blk(1024, std::byte{0x77});
+		ASSERT_EQ(w.fs().write_block(2100, blk), 0);
+		ASSERT_EQ(w.fs().sync(), 0);
+		EXPECT_EQ(w.new_log_lines(), std::vector<std::string>{});
+		why = "size changed (2048 blocks of 1024 bytes, now 2112 of "
+		      "1024)";
+		break;
+	}
 	}
 	BackupRun full(w);
 	ASSERT_EQ(full.run(repo), 0) << full.err.msg;
@@ -204,7 +228,7 @@ TEST_P(ProgramChainBreak, NextBackupIsFullAndTheChainGoesOn)
 INSTANTIATE_TEST_SUITE_P(Events, ProgramChainBreak,
 			 ::testing::Values(Event::Snapshot, Event::NoStart,
 					   Event::Unload, Event::Reload,
-					   Event::Failed),
+					   Event::Failed, Event::Grown),
 			 [](const auto &info) { return event_name(info.param); });
 
 }  // namespace

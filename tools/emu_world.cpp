@@ -6,6 +6,8 @@
 #include <random>
 #include <span>
 
+#include <sys/mount.h>
+
 namespace corvalin::tool {
 namespace {
 
@@ -84,7 +86,8 @@ EmuWorld::EmuWorld(const Config &c) : cfg_(c)
 	dc.major = kMajor;
 	dc.first_minor = 0;
 	dc.minors = 16;
-	dc.sectors = kStart + sectors + 64;
+	dc.sectors = kStart + sectors +
+		     std::uint64_t(cfg_.room) * cfg_.block_size / 512 + 64;
 	dc.name = "sda";
 	dc.threads = 2;
 	disk_ = std::make_unique<emu::Disk>(dc);
@@ -278,6 +281,35 @@ int EmuWorld::reload_module()
 	loaded_ = true;
 	emu::mknod(CV_DEVICE_PATH, KIV_MAJOR, 0);
 	return 0;
+}
+
+int EmuWorld::grow_partition(std::uint32_t extra)
+{
+	if (extra > cfg_.room)
+		return -ENOSPC;
+	const std::uint32_t blocks = cfg_.blocks + extra;
+	const emu::DosPartition p1{
+		static_cast<std::uint32_t>(kStart),
+		static_cast<std::uint32_t>(std::uint64_t(blocks) *
+					   cfg_.block_size / 512)};
+	fs_.reset();
+	emu::write_dos_label(*disk_, {&p1, 1});
+	const int fd = process_->open("/dev/sda");
+	long r = fd;
+	if (fd >= 0) {
+		r = process_->ioctl(fd, BLKRRPART, 0);
+		(void)process_->close(fd);
+	}
+	if (r == 0) {
+		cfg_.blocks = blocks;
+		cfg_.room -= extra;
+		allocated_.resize(blocks, !cfg_.ext2);
+		if (!cfg_.ext2)
+			for (std::uint32_t b = blocks - extra; b < blocks; b++)
+				writable_.push_back(b);
+	}
+	fs_ = std::make_unique<emu::FileSystem>(*disk_, 1, cfg_.block_size);
+	return static_cast<int>(r);
 }
 
 std::vector<std::string> EmuWorld::new_log_lines()

@@ -36,6 +36,8 @@ public:
 		std::uint32_t per_group = 2048; // ext2 blocks per group
 		bool ext2 = true;               // else random bytes, no fs
 		std::uint64_t seed = 1;
+		std::uint32_t room = 0;         // free blocks after the
+						// partition, for grow_partition
 	};
 
 	explicit EmuWorld(const Config &c);
@@ -76,6 +78,12 @@ public:
 	void remount();
 	// Unload and load the module again (tracking is lost).
 	int reload_module();
+	// Grow the partition by `extra` blocks into the room after it, as
+	// an administrator does: unmount, write the new DOS label, BLKRRPART
+	// on the disk, mount again.  The file system is not resized: the new
+	// blocks are free and zero.  The writer must be stopped.  0, or a
+	// negative errno (-ENOSPC: not that much room).
+	int grow_partition(std::uint32_t extra);
 
 	// The kernel log since the last call, as "kernel: ..." lines.
 	std::vector<std::string> new_log_lines();
