@@ -42,6 +42,28 @@ vm_define() {
 	echo "$v"
 }
 
+# Write the initramfs $1: what every guest needs (the directories, the
+# console and null nodes, corvalin.ko at /lib/modules, /init from $2), then
+# the entries of mkinitramfs.pl's list on stdin.
+vm_initramfs() {
+	local out=$1 init=$2
+	{
+		cat <<EOF
+dir /dev 0755
+nod /dev/console 0600 c 5 1
+nod /dev/null 0666 c 1 3
+dir /proc 0755
+dir /sys 0755
+dir /mnt 0755
+dir /lib 0755
+dir /lib/modules 0755
+file /lib/modules/corvalin.ko 0644 $VM_OUT/modules/corvalin.ko
+file /init 0755 $init
+EOF
+		cat
+	} | "$VM_DIR/mkinitramfs.pl" "$out"
+}
+
 # An MSDOS label on image $1 (signature $2, hex): then pairs of first
 # sector and sector count, one primary Linux partition (type 0x83) each,
 # at most four.  2.6.27 reads only the type and the two LBA fields of an

@@ -38,18 +38,7 @@ KDIR=$kdir "$VM_DIR/build-module.sh" corvalin
 
 "$VM_DIR/build-guest.sh" bench
 
-"$VM_DIR/mkinitramfs.pl" "$initramfs" <<EOF
-dir /dev 0755
-nod /dev/console 0600 c 5 1
-nod /dev/null 0666 c 1 3
-dir /proc 0755
-dir /sys 0755
-dir /mnt 0755
-dir /lib 0755
-dir /lib/modules 0755
-file /lib/modules/corvalin.ko 0644 $VM_OUT/modules/corvalin.ko
-file /init 0755 $out/init
-EOF
+vm_initramfs "$initramfs" "$out/init" < /dev/null
 
 # One partition from sector 2048, 131072 sectors (64 MiB), ext3.
 p_start=2048 p_len=131072

@@ -128,19 +128,9 @@ KDIR=$kdir "$VM_DIR/build-module.sh" lockbug
 "$VM_DIR/build-guest.sh"
 "$VM_DIR/build-guest.sh" program
 
-"$VM_DIR/mkinitramfs.pl" "$initramfs" <<EOF
-dir /dev 0755
-nod /dev/console 0600 c 5 1
-nod /dev/null 0666 c 1 3
-dir /proc 0755
-dir /sys 0755
-dir /mnt 0755
-dir /lib 0755
-dir /lib/modules 0755
-file /lib/modules/corvalin.ko 0644 $VM_OUT/modules/corvalin.ko
+vm_initramfs "$initramfs" "$VM_OUT/guest/init" <<EOF
 file /lib/modules/blocker.ko 0644 $VM_OUT/modules/blocker.ko
 file /lib/modules/lockbug.ko 0644 $VM_OUT/modules/lockbug.ko
-file /init 0755 $VM_OUT/guest/init
 dir /bin 0755
 file /bin/corvalin 0755 $VM_OUT/guest/program/corvalin
 dir /tmp 01777

@@ -661,18 +661,9 @@ static void setup(void)
 	struct stat st;
 	int waited;
 
-	mkdir("/proc", 0755);
-	mkdir("/sys", 0755);
-	mkdir("/dev", 0755);
-	mkdir("/mnt", 0755);
-	if (mount("proc", "/proc", "proc", 0, NULL) != 0)
-		die("mount /proc");
-	if (mount("sysfs", "/sys", "sysfs", 0, NULL) != 0)
-		die("mount /sys");
-	node("/dev/corvalin", S_IFCHR, KIV_MAJOR, 0);
+	guest_setup();
 	node("/dev/sda", S_IFBLK, 8, 0);
 	node("/dev/sda1", S_IFBLK, 8, 1);
-	write_proc("/proc/sys/kernel/panic_on_oops", "1\n");
 	for (waited = 0; stat("/sys/block/sda/sda1", &st) != 0; waited += 50) {
 		if (waited >= 10000) {
 			errno = ENODEV;

@@ -19,6 +19,9 @@ void die(const char *what) __attribute__((noreturn));
  * value to a /proc file; both die on failure. */
 void node(const char *path, mode_t type, int major, int minor);
 void write_proc(const char *path, const char *value);
+/* What every guest's /init does first: /proc and /sys mounted, /dev and
+ * /mnt made, the node /dev/corvalin, and panic_on_oops set. */
+void guest_setup(void);
 /* insmod /lib/modules/<name>.ko; rmmod <name> (O_NONBLOCK): 0 or -errno. */
 int insmod(const char *name);
 int rmmod(const char *name);

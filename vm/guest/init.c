@@ -96,19 +96,10 @@ static void setup(void)
 	struct stat st;
 	int waited;
 
-	mkdir("/proc", 0755);
-	mkdir("/sys", 0755);
-	mkdir("/dev", 0755);
-	mkdir("/mnt", 0755);
+	guest_setup();
 	mkdir("/mnt/p1", 0755);
 	mkdir("/mnt/p2", 0755);
 	mkdir("/mnt/repo", 0755);
-	if (mount("proc", "/proc", "proc", 0, NULL) != 0)
-		die("mount /proc");
-	if (mount("sysfs", "/sys", "sysfs", 0, NULL) != 0)
-		die("mount /sys");
-	/* No devtmpfs in 2.6.27. */
-	node("/dev/corvalin", S_IFCHR, KIV_MAJOR, 0);
 	node("/dev/sda", S_IFBLK, SCN_DISK_MAJOR, 0);
 	node("/dev/sda1", S_IFBLK, SCN_DISK_MAJOR, 1);
 	node("/dev/sda2", S_IFBLK, SCN_DISK_MAJOR, 2);
@@ -120,9 +111,6 @@ static void setup(void)
 	/* The backup program draws its temporary names from here. */
 	node("/dev/urandom", S_IFCHR, 1, 9);
 
-	/* An oops stops the guest at once (panic=-1 then reboots, and QEMU
-	 * exits) instead of running on with a half-dead kernel. */
-	write_proc("/proc/sys/kernel/panic_on_oops", "1\n");
 	/* A task blocked in D state this long is reported ("INFO: task ...
 	 * blocked for more than 20 seconds.") well within the boot test's
 	 * time limit, with the locks it holds, instead of the guest just

@@ -14,6 +14,7 @@
 #include <string.h>
 #include <sys/klog.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/reboot.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -21,6 +22,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "corvalin.h"
 #include "guest.h"
 
 #define MODULE_DIR	"/lib/modules"
@@ -90,6 +92,23 @@ void write_proc(const char *path, const char *value)
 	if (fd < 0 || write(fd, value, strlen(value)) != (ssize_t)strlen(value))
 		die(path);
 	close(fd);
+}
+
+void guest_setup(void)
+{
+	mkdir("/proc", 0755);
+	mkdir("/sys", 0755);
+	mkdir("/dev", 0755);
+	mkdir("/mnt", 0755);
+	if (mount("proc", "/proc", "proc", 0, NULL) != 0)
+		die("mount /proc");
+	if (mount("sysfs", "/sys", "sysfs", 0, NULL) != 0)
+		die("mount /sys");
+	/* No devtmpfs in 2.6.27. */
+	node("/dev/corvalin", S_IFCHR, KIV_MAJOR, 0);
+	/* An oops stops the guest at once (panic=-1 then reboots, and QEMU
+	 * exits) instead of running on with a half-dead kernel. */
+	write_proc("/proc/sys/kernel/panic_on_oops", "1\n");
 }
 
 /* ---- modules ---------------------------------------------------------- */
