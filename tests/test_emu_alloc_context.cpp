@@ -15,14 +15,24 @@ using namespace blocktest;
 
 namespace {
 
-// The tag of a test's only bio (a call, so that it can stand in a
-// death test's statement).
+// The tag of a test's only bio.
 BioTag first_tag(Endings *endings)
 {
 	BioTag tag;
 	tag.endings = endings;
 	tag.tag = 1;
 	return tag;
+}
+
+// A test's only write (one page at sector 8 of bdev) through the block
+// layer, waited for: the error it ended with.
+int write_once(struct block_device *bdev)
+{
+	Endings endings;
+	BioTag tag = first_tag(&endings);
+	Page page;
+	submit_bio(WRITE, make_bio(bdev, 8, page.get(), 4096, &tag));
+	return endings.wait(1)[0].error;
 }
 
 std::string here(int line)
@@ -52,6 +62,17 @@ struct Server {
 	std::function<void()> before, after;
 
 	Server() { init_completion(&handed); }
+	// hook keeps every bio and hands it to this server, as an
+	// intercepting driver hands bios to its own thread.
+	void hold_from(Hook &h)
+	{
+		hook = &h;
+		h.set([this](struct request_queue *, struct bio *bio) {
+			held = bio;   // kept for the thread
+			complete(&handed);
+			return 0;
+		});
+	}
 	void serve()
 	{
 		wait_for_completion(&handed);
@@ -77,12 +98,7 @@ TEST_F(AllocContextDeathTest, GfpKernelInsideAMakeRequestFunction)
 				kfree(p);
 				return hook.pass(q, bio);
 			});
-			Endings endings;
-			BioTag tag = first_tag(&endings);
-			Page page;
-			submit_bio(WRITE, make_bio(fs_->bdev(), 8, page.get(),
-						   4096, &tag));
-			endings.wait(1);
+			write_once(fs_->bdev());
 		},
 		"EMU VIOLATION: kmalloc with gfp 0xd0 \\(__GFP_IO/__GFP_FS\\) "
 		"inside a make_request function.* at " + here(line));
@@ -99,12 +115,7 @@ TEST_F(AllocContextDeathTest, GfpNofsPageInsideAMakeRequestFunction)
 				__free_page(p);
 				return hook.pass(q, bio);
 			});
-			Endings endings;
-			BioTag tag = first_tag(&endings);
-			Page page;
-			submit_bio(WRITE, make_bio(fs_->bdev(), 8, page.get(),
-						   4096, &tag));
-			endings.wait(1);
+			write_once(fs_->bdev());
 		},
 		"alloc_pages with gfp 0x50 \\(__GFP_IO/__GFP_FS\\) inside a "
 		"make_request function");
@@ -119,37 +130,22 @@ TEST_F(AllocContext, GfpNoioAndAtomicInsideAMakeRequestFunctionAreFine)
 		__free_page(alloc_page(GFP_NOIO));
 		return hook.pass(q, bio);
 	});
-	Endings endings;
-	BioTag tag = first_tag(&endings);
-	Page page;
-	submit_bio(WRITE, make_bio(fs_->bdev(), 8, page.get(), 4096, &tag));
-	EXPECT_EQ(endings.wait(1)[0].error, 0);
+	EXPECT_EQ(write_once(fs_->bdev()), 0);
 	// Outside the make_request function GFP_KERNEL is fine again.
 	kfree(kmalloc(32, GFP_KERNEL));
 }
 
 TEST_F(AllocContextDeathTest, GfpKernelInAThreadServingHeldIo)
 {
-	const int line = __LINE__ + 12;
+	const int line = __LINE__ + 6;
 	EXPECT_DEATH(
 		{
 			Hook hook(disk_->queue());
 			Server server;
-			server.hook = &hook;
-			hook.set([&server](struct request_queue *,
-					   struct bio *bio) {
-				server.held = bio;   // kept for the thread
-				complete(&server.handed);
-				return 0;
-			});
+			server.hold_from(hook);
 			server.after = [] { kfree(kmalloc(8, GFP_KERNEL)); };
 			emutest::KThread kbackupd([&server] { server.serve(); });
-			Endings endings;
-			BioTag tag = first_tag(&endings);
-			Page page;
-			submit_bio(WRITE, make_bio(fs_->bdev(), 8, page.get(),
-						   4096, &tag));
-			endings.wait(1);
+			write_once(fs_->bdev());
 			kbackupd.join();
 		},
 		"EMU VIOLATION: kmalloc with gfp 0xd0 \\(__GFP_IO/__GFP_FS\\) "
@@ -160,26 +156,15 @@ TEST_F(AllocContextDeathTest, GfpKernelInAThreadServingHeldIo)
 TEST_F(AllocContextDeathTest, GfpKernelWhileABioItThenPassesOnWasHeld)
 {
 	// The thread's first pass-on reveals what it did while serving.
-	const int line = __LINE__ + 12;
+	const int line = __LINE__ + 6;
 	EXPECT_DEATH(
 		{
 			Hook hook(disk_->queue());
 			Server server;
-			server.hook = &hook;
-			hook.set([&server](struct request_queue *,
-					   struct bio *bio) {
-				server.held = bio;
-				complete(&server.handed);
-				return 0;
-			});
+			server.hold_from(hook);
 			server.before = [] { kfree(kmalloc(8, GFP_KERNEL)); };
 			emutest::KThread kbackupd([&server] { server.serve(); });
-			Endings endings;
-			BioTag tag = first_tag(&endings);
-			Page page;
-			submit_bio(WRITE, make_bio(fs_->bdev(), 8, page.get(),
-						   4096, &tag));
-			endings.wait(1);
+			write_once(fs_->bdev());
 			kbackupd.join();
 		},
 		"EMU VIOLATION: kmalloc with gfp 0xd0 that may do I/O, made by "
@@ -191,12 +176,7 @@ TEST_F(AllocContext, AServingThreadThatAllocatesWithGfpNoioIsFine)
 {
 	Hook hook(disk_->queue());
 	Server server;
-	server.hook = &hook;
-	hook.set([&server](struct request_queue *, struct bio *bio) {
-		server.held = bio;
-		complete(&server.handed);
-		return 0;
-	});
+	server.hold_from(hook);
 	server.after = [] {
 		struct page *p = alloc_page(GFP_NOIO);
 		__free_page(p);
@@ -212,11 +192,7 @@ TEST_F(AllocContext, AServingThreadThatAllocatesWithGfpNoioIsFine)
 		server.serve();
 	});
 	wait_for_completion(&allocated);
-	Endings endings;
-	BioTag tag = first_tag(&endings);
-	Page page;
-	submit_bio(WRITE, make_bio(fs_->bdev(), 8, page.get(), 4096, &tag));
-	EXPECT_EQ(endings.wait(1)[0].error, 0);
+	EXPECT_EQ(write_once(fs_->bdev()), 0);
 	kbackupd.join();
 }
 
@@ -227,12 +203,7 @@ TEST_F(AllocContext, ABioPassedOnAtOnceIsNotHeld)
 	// held I/O.
 	Hook hook(disk_->queue());
 	emutest::KThread writer([this] {
-		Endings endings;
-		BioTag tag = first_tag(&endings);
-		Page page;
-		submit_bio(WRITE, make_bio(fs_->bdev(), 8, page.get(), 4096,
-					   &tag));
-		endings.wait(1);
+		write_once(fs_->bdev());
 		kfree(kmalloc(8, GFP_KERNEL));
 	});
 	writer.join();

@@ -325,11 +325,8 @@ void run_chains(std::uint64_t first, unsigned count)
 			    st.written, st.exported, st.extra, st.read);
 }
 
-#define CHAIN_RANGE(from)                                  \
-	TEST(IncrementalChain, Seeds##from)                \
-	{                                                  \
-		run_chains(from##ULL, 100);                \
-	}
+#define CHAIN_RANGE(from) \
+	PIT_SEED_RANGE_TEST(IncrementalChain, run_chains, from, 100)
 
 CHAIN_RANGE(0)
 CHAIN_RANGE(100)

@@ -121,3 +121,12 @@ inline std::vector<std::uint64_t> seeds_for(std::uint64_t first, unsigned count)
 }
 
 }  // namespace pit
+
+// TEST(suite, Seeds<from>) running fn(from, count): the seeded suites are
+// cut into tests of `count` seeds each, so that CTest runs them in
+// parallel and a failure names its range.
+#define PIT_SEED_RANGE_TEST(suite, fn, from, count)        \
+	TEST(suite, Seeds##from)                           \
+	{                                                  \
+		fn(from##ULL, count);                      \
+	}

@@ -339,11 +339,8 @@ void run_seeds(std::uint64_t first, unsigned count)
 	}
 }
 
-#define SEED_RANGE(from)                                   \
-	TEST(PointInTime, Seeds##from)                     \
-	{                                                  \
-		run_seeds(from##ULL, 50);                  \
-	}
+#define SEED_RANGE(from) \
+	PIT_SEED_RANGE_TEST(PointInTime, run_seeds, from, 50)
 
 SEED_RANGE(0)
 SEED_RANGE(50)

@@ -23,6 +23,19 @@ protected:
 	{
 		ASSERT_TRUE(proc->poke(page_ + 1024, k, len));
 	}
+	// START_BACKUP, then a SNAPSHOT of key length `len` with the
+	// `bytes` of `shown` at the key's address: accepted, the freeze's
+	// line only, the session's map handed over.
+	void expect_key_accepted(const unsigned char *shown, std::size_t bytes,
+				 std::uint32_t len)
+	{
+		ASSERT_EQ(start(), 0);
+		present(shown, bytes);
+		emu::log_clear();
+		EXPECT_EQ(snapshot(len), 0);
+		ExpectLog({freeze_line()});
+		EXPECT_NE(b_->blockMap.map, nullptr) << "handed over";
+	}
 	// A first backup of partition 1 snapshotted and closed: the
 	// partition keeps an in-sync session (and kivAMRF on its queue).
 	Key first_backup(std::uint32_t total = 0)
@@ -172,12 +185,7 @@ TEST_F(Snapshot, ShortKeyIsComparedAsItsBytesFollowedByZeros)
 	Key shown = k;
 	for (int i = 20; i < 56; i++)
 		shown[i] = 0xEE;
-	ASSERT_EQ(start(), 0);
-	present(shown.data(), 56);
-	emu::log_clear();
-	EXPECT_EQ(snapshot(20), 0);
-	ExpectLog({freeze_line()});
-	EXPECT_NE(b_->blockMap.map, nullptr) << "handed over";
+	expect_key_accepted(shown.data(), 56, 20);
 }
 
 TEST_F(Snapshot, LongKeyIsCutAtFiftySixBytes)
@@ -186,12 +194,7 @@ TEST_F(Snapshot, LongKeyIsCutAtFiftySixBytes)
 	const Key k1 = first_backup();
 	std::vector<unsigned char> shown(k1.begin(), k1.end());
 	shown.resize(100, 0xEE);
-	ASSERT_EQ(start(), 0);
-	present(shown.data(), shown.size());
-	emu::log_clear();
-	EXPECT_EQ(snapshot(100), 0);
-	ExpectLog({freeze_line()});
-	EXPECT_NE(b_->blockMap.map, nullptr) << "handed over";
+	expect_key_accepted(shown.data(), shown.size(), 100);
 }
 
 TEST_F(Snapshot, WrongKeyReturnsZeroAndChangesNothing)
