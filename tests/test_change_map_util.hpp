@@ -74,19 +74,24 @@ protected:
 	}
 	long load_map(emu::uaddr bitmap, std::uint32_t map_len)
 	{
-		UserBlockMap ubm{static_cast<kiv_u32>(bitmap), map_len};
-		LoadBlockMap rec{static_cast<kiv_u32>(scratch_), 8};
-		EXPECT_TRUE(proc->poke(scratch_, &ubm, sizeof(ubm)));
-		EXPECT_TRUE(proc->poke(scratch_ + 16, &rec, sizeof(rec)));
-		return ioctl(KIV_IOC_LOAD_BLOCK_MAP, scratch_ + 16);
+		return map_command<LoadBlockMap>(KIV_IOC_LOAD_BLOCK_MAP, bitmap,
+						 map_len);
 	}
 	long get_automap(emu::uaddr dest, std::uint32_t map_len)
 	{
-		UserBlockMap ubm{static_cast<kiv_u32>(dest), map_len};
-		GetAutoMap rec{static_cast<kiv_u32>(scratch_), 8};
+		return map_command<GetAutoMap>(KIV_IOC_GET_AUTOMAP, dest,
+					       map_len);
+	}
+	// A command whose record (at scratch_ + 16) names a UserBlockMap
+	// {bitmap, map_len} (at scratch_).
+	template <typename Record>
+	long map_command(unsigned cmd, emu::uaddr bitmap, std::uint32_t map_len)
+	{
+		UserBlockMap ubm{static_cast<kiv_u32>(bitmap), map_len};
+		Record rec{static_cast<kiv_u32>(scratch_), 8};
 		EXPECT_TRUE(proc->poke(scratch_, &ubm, sizeof(ubm)));
 		EXPECT_TRUE(proc->poke(scratch_ + 16, &rec, sizeof(rec)));
-		return ioctl(KIV_IOC_GET_AUTOMAP, scratch_ + 16);
+		return ioctl(cmd, scratch_ + 16);
 	}
 	long get_ams(emu::uaddr dest, std::uint32_t len)
 	{

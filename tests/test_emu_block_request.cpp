@@ -205,15 +205,22 @@ void context_end_io(struct bio *bio, int)
 	seen->done = true;
 }
 
-void submit_context_probe(emu::Disk &disk, struct block_device *bdev,
-			  struct page *page, ContextSeen &seen)
+// A read of sector 0 ending in end_io with &seen, waited for.
+void submit_probe(emu::Disk &disk, struct block_device *bdev,
+		  struct page *page, ContextSeen &seen, bio_end_io_t *end_io)
 {
 	seen.lock = disk.queue()->queue_lock;
 	struct bio *bio = make_bio(bdev, 0, page, 512, nullptr);
-	bio->bi_end_io = context_end_io;
+	bio->bi_end_io = end_io;
 	bio->bi_private = &seen;
 	submit_bio(READ, bio);
 	disk.drain();
+}
+
+void submit_context_probe(emu::Disk &disk, struct block_device *bdev,
+			  struct page *page, ContextSeen &seen)
+{
+	submit_probe(disk, bdev, page, seen, context_end_io);
 }
 
 TEST(DiskCompletion, HardirqCompletionRunsWithInterruptsOffAndTheQueueLockHeld)
@@ -291,12 +298,7 @@ void queue_locking_end_io(struct bio *bio, int)
 void submit_queue_locking(emu::Disk &disk, struct block_device *bdev,
 			  struct page *page, ContextSeen &seen)
 {
-	seen.lock = disk.queue()->queue_lock;
-	struct bio *bio = make_bio(bdev, 0, page, 512, nullptr);
-	bio->bi_end_io = queue_locking_end_io;
-	bio->bi_private = &seen;
-	submit_bio(READ, bio);
-	disk.drain();
+	submit_probe(disk, bdev, page, seen, queue_locking_end_io);
 }
 
 TEST(DiskCompletion, EndIoTakingTheQueueLockIsFineFromTheSoftirq)

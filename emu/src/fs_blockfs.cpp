@@ -317,10 +317,6 @@ int emu::FileSystem::write_block(std::uint64_t block,
 				 std::span<const std::byte> data)
 {
 	Impl &fs = *impl_;
-	if (!fs.valid(block, data.size()))
-		return -EINVAL;
-	if (fs.read_only)
-		return -EROFS;
 	(emu::might_sleep)({__FILE__, __LINE__});
 	struct page *page;
 	if (int err = fs.page_for_write(block, data, &page))
