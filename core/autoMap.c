@@ -63,6 +63,24 @@ void waitForAMSUsers(AutoMapSession *ams, unsigned long *flags)
 }
 
 /*
+ * Returns holding ams->usersLock with no shared user inside and none of
+ * the writes the session counted still in flight.  Users that enter
+ * after it returns wait on the lock, so none can start a write that
+ * would be counted here.  Polls, with no time limit: each write in flight
+ * completes on its own.  Process context.
+ */
+void waitForAMSWrites(AutoMapSession *ams, unsigned long *flags)
+{
+	for (;;) {
+		waitForAMSUsers(ams, flags);
+		if (!atomic_read(&ams->inFlight))
+			return;
+		spin_unlock_irqrestore(&ams->usersLock, *flags);
+		schedule();
+	}
+}
+
+/*
  * Look up kdev's session for use: returns it with a shared entry on its
  * users taken (the caller calls exitAMSUsers), or NULL.  Does not sleep.
  */
@@ -127,6 +145,7 @@ int newAMS(Backup *b, AutoMapSession **amSession)
 	}
 	atomic_add(numPages, &curAllocAMPages);
 	atomic_set(&ams->users, 1);
+	atomic_set(&ams->inFlight, 0);
 	spin_lock_init(&ams->usersLock);
 
 	*amSession = ams;
@@ -186,7 +205,8 @@ void unSetMRFAMS(AutoMapSession *ams)
 
 /*
  * Close a session already taken out of the table: unhook its partition,
- * drain its users, free its map and the record.  May sleep.
+ * drain its users and the writes it still counts in flight (their
+ * completions reach the record), free its map and the record.  May sleep.
  */
 void closeAM(AutoMapSession *ams)
 {
@@ -194,7 +214,7 @@ void closeAM(AutoMapSession *ams)
 	int numPages = 0;
 
 	unSetMRFAMS(ams);
-	waitForAMSUsers(ams, &flags);
+	waitForAMSWrites(ams, &flags);
 	spin_unlock_irqrestore(&ams->usersLock, flags);
 	closeBlockMap(&ams->map, &numPages);
 	atomic_sub(numPages, &curAllocAMPages);

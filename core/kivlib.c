@@ -13,6 +13,7 @@
 #include <linux/init.h>
 #include <linux/kernel.h>
 #include <linux/fs.h>
+#include <linux/errno.h>
 #include <linux/poll.h>
 #include <linux/slab.h>
 #include <linux/string.h>
@@ -75,15 +76,17 @@ module_init(kivInit);
 module_exit(kivExit);
 
 /*
- * Close every change-tracking session (which gives every hooked queue its
- * real function back) and unregister the control device.  No backup can
- * be open here: each open file pins the module.  initDone stays 1.
+ * Close every change-tracking session, give every queue still hooked its
+ * real function back (also those no session holds any more) and
+ * unregister the control device.  No backup can be open here: each open
+ * file pins the module.  initDone stays 1.
  */
 int kivUnload(void)
 {
 	if (kivCheckModUse())
 		return -1;
 	closeAllAMS();
+	unsetAllQueues();
 	unregister_chrdev(KIV_MAJOR, KIV_DEVICE_NAME);
 	printk(KERN_INFO "%s: corvalin version %d.%d.%d build %d "
 	       "ready to be unloaded\n", "kivUnload", KIV_VERSION_MAJOR,
@@ -110,20 +113,27 @@ void doModuleUnload(void)
 
 /*
  * Give the new file a fresh, idle Backup.  Opening does not claim the
- * backup slot; START_BACKUP does.  Returns 0, 1 before registration, 5
- * without memory, 3 when the module is going away.  Process context, may
- * sleep.
+ * backup slot; START_BACKUP does.  Process context, may sleep.
+ *
+ * The driver's own result codes (1 before registration, 5 without
+ * memory, 3 when the module is going away) cannot be returned here:
+ * 2.6.27's __dentry_open hands a positive result to ERR_PTR, which
+ * IS_ERR does not take for an error, and do_sys_open then uses "file" 5
+ * and oopses.  Open fails with the kernel's errors instead: -ENXIO (what
+ * an open of an unregistered device gets), -ENOMEM, -ENODEV.  Nor can a
+ * failed open leave its record with the file: the kernel never releases
+ * a file whose open failed, so the record is freed here.
  */
 int kivOpen(struct inode *inode, struct file *file)
 {
 	Backup *b;
 
 	if (atomic_read(&initDone) != 1)
-		return 1;
+		return -ENXIO;
 
 	b = kzalloc(sizeof(*b), GFP_KERNEL);
 	if (!b)
-		return 5;
+		return -ENOMEM;
 
 	sema_init(&b->bSem, 1);
 	mutex_init(&b->vmLock);
@@ -146,14 +156,11 @@ int kivOpen(struct inode *inode, struct file *file)
 	atomic_set(&b->totalReadCBs, 0);
 	atomic_set(&b->totalCleanedCBs, 0);
 
+	if (kivModGet()) {
+		kfree(b);
+		return -ENODEV;
+	}
 	file->private_data = b;
-
-	/*
-	 * Open has no undo path: when the module is going away the record
-	 * stays attached to the file and 3 is returned.
-	 */
-	if (kivModGet())
-		return 3;
 	return 0;
 }
 

@@ -122,6 +122,7 @@ void waitForAMListUsers(unsigned long *flags);
 void enterAMSUsers(AutoMapSession *ams);
 void exitAMSUsers(AutoMapSession *ams);
 void waitForAMSUsers(AutoMapSession *ams, unsigned long *flags);
+void waitForAMSWrites(AutoMapSession *ams, unsigned long *flags);
 AutoMapSession *getAMS(dev_t kdev);
 int newAMS(Backup *b, AutoMapSession **amSession);
 int closeAMS(Backup *b);

@@ -190,3 +190,35 @@ make_request_fn *getRealMRF(struct request_queue *q)
 	}
 	return mrf;
 }
+
+/*
+ * Give every queue still in the registry its real make_request function
+ * back and empty the registry.  A queue can stay hooked with no session
+ * left on it (a backup of an untracked partition, closed while other
+ * partitions of the disk were tracked, then the tracking ended; or a
+ * session whose queue could not be found when it was closed): once the
+ * module is gone such a queue would call into freed code.  Module exit
+ * only, after every session was closed.  Process context.
+ */
+void unsetAllQueues(void)
+{
+	QueueList *node, *ntmp;
+	DevList *dev, *dtmp;
+	unsigned long flags, qflags;
+
+	waitForQueueListUsers(&flags);
+	list_for_each_entry_safe(node, ntmp, &queueListHead, list) {
+		list_for_each_entry_safe(dev, dtmp, &node->devList, list) {
+			list_del(&dev->list);
+			kfree(dev);
+		}
+		if (node->realMRF) {
+			kivLockRequestQueue(node->rQueue, &qflags);
+			node->rQueue->make_request_fn = node->realMRF;
+			kivUnlockRequestQueue(node->rQueue, qflags);
+		}
+		list_del(&node->list);
+		kfree(node);
+	}
+	spin_unlock_irqrestore(&queueListUsersLock, flags);
+}

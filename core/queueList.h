@@ -29,5 +29,6 @@ int addDevToList(QueueList *queueList, dev_t kdev, DevList *node);
 int isInQueueList(struct request_queue *q, dev_t kdev);
 int isInDevList(QueueList *queueList, dev_t kdev);
 make_request_fn *getRealMRF(struct request_queue *q);
+void unsetAllQueues(void);
 
 #endif /* _KIV_QUEUELIST_H */

@@ -75,6 +75,25 @@ static void waitForInFlight(Backup *b, u32 numBlocks)
 }
 
 /*
+ * The frozen image can be read only in states 4 and 6, and only while
+ * the backup's interception still preserves it (every file's close ends
+ * it, clearing activeSession).  Logs the refusal; *seen is the state
+ * looked at.  Caller holds bSem.
+ */
+static int readableState(Backup *b, u32 *seen)
+{
+	u32 state = b->state;
+
+	*seen = state;
+	if ((state == BU_STATE_MAP_LOADED || state == BU_STATE_SNAPSHOT) &&
+	    activeSession == b)
+		return 1;
+	printk(KERN_ERR "%s: state (%d) not valid\n", "ioctlReadBlocks",
+	       (int)state);
+	return 0;
+}
+
+/*
  * READ_BLOCKS: place blocks [startBlockNum, startBlockNum + numBlocks) of
  * the frozen image into the read buffer that starts at the user address
  * data.  Returns 0, 2 refused or inconsistent, 12 when some blocks could
@@ -93,10 +112,7 @@ int ioctlReadBlocks(Backup *b, u32 startBlockNum, u32 numBlocks,
 
 	down(&b->bSem);
 
-	state = b->state;
-	if (state != BU_STATE_MAP_LOADED && state != BU_STATE_SNAPSHOT) {
-		printk(KERN_ERR "%s: state (%d) not valid\n",
-		       "ioctlReadBlocks", (int)state);
+	if (!readableState(b, &state)) {
 		result = 2;
 		goto out;
 	}
@@ -150,8 +166,13 @@ int ioctlReadBlocks(Backup *b, u32 startBlockNum, u32 numBlocks,
 		goto unlock;
 	}
 
-	if (numBlocks * (u32)b->diskInfo.blockSize >
-	    (u32)bvma->vmPages * KIV_PAGE_SIZE) {
+	/*
+	 * In 64 bits: on a partition of more than 4 GiB a 32-bit product
+	 * can wrap below the mapping's size and let the read run past the
+	 * request table and the buffer's pages.
+	 */
+	if ((u64)numBlocks * b->diskInfo.blockSize >
+	    (u64)bvma->vmPages * KIV_PAGE_SIZE) {
 		printk(KERN_ERR "%s: tried to read (%u) number of blocks size "
 		       "(%u) and mmap region can hold (%lu) bytes\n",
 		       "ioctlReadBlocks", numBlocks,
@@ -184,6 +205,17 @@ int ioctlReadBlocks(Backup *b, u32 startBlockNum, u32 numBlocks,
 	}
 
 	r = waitForSubmitted(b, startBlockNum, numBlocks);
+	/*
+	 * The backup may have failed while the reads were in flight (the
+	 * cache limit, a read error) or lost its interception (any file's
+	 * close): a write may then have reached a block after its copy
+	 * stopped being taken, and the disk read may hold it.  Such a read
+	 * is not of the frozen instant and is refused.
+	 */
+	if (!readableState(b, &state)) {
+		result = 2;
+		goto release;
+	}
 	if (r == 12) {
 		printk(KERN_WARNING "%s: Received an IO error while reading "
 		       "sectors for backup.  Some sectors could not be "

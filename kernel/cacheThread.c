@@ -23,6 +23,8 @@
 #include <linux/rwsem.h>
 #include <linux/semaphore.h>
 #include <linux/completion.h>
+#include <linux/mutex.h>
+#include <linux/errno.h>
 #include <asm/atomic.h>
 #include <asm/bitops.h>
 #include <asm/processor.h>
@@ -37,16 +39,41 @@
 static Backup *cacheThreadBackup;
 
 /*
+ * Serialises the starts of "kbackupd".  Two starts can run at once: any
+ * file's close frees the backup slot, also while another record's start
+ * is under way.
+ */
+static DEFINE_MUTEX(cacheThreadStartLock);
+
+/*
  * Start "kbackupd" for b.  The starter takes signalThread's resting count
  * (the exiting thread gives it back), so the count afterwards is the
- * number of held requests.  Returns 0 once the thread runs, or
- * kernel_thread's negative error: then signalThread stays taken and
+ * number of held requests.  Returns 0 once the thread runs, or a negative
+ * error: kernel_thread's, after which signalThread stays taken and
  * backup_cachePID negative, and neither the close nor a later start gives
  * it back -- a later start waits for it for good; this is the system's
- * behaviour.  Process context (START_BACKUP), may sleep.
+ * behaviour.
+ *
+ * There is one thread and one set of globals for it.  While the thread of
+ * an earlier backup still runs (its record was not closed yet, although
+ * another file's close freed the backup slot), a second thread would
+ * overwrite the first one's pid, owner and completions: the first close
+ * would then stop the wrong thread or wait for good, and the other thread
+ * would outlive the module.  Such a start fails as a failed thread
+ * creation does, with the same message, -EBUSY and nothing taken.
+ * Process context (START_BACKUP), may sleep.
  */
 int startWorkQueue(Backup *b)
 {
+	int result = 0;
+
+	mutex_lock(&cacheThreadStartLock);
+	if (backup_cachePID > 0) {
+		printk(KERN_ERR "%s: error starting cache thread%s",
+		       "startWorkQueue", "\n");
+		result = -EBUSY;
+		goto out;
+	}
 	down(&signalThread);
 	cacheThreadBackup = b;
 	atomic_set(&backup_cacheThreadContinue, 1);
@@ -54,11 +81,14 @@ int startWorkQueue(Backup *b)
 	if (backup_cachePID < 0) {
 		printk(KERN_ERR "%s: error starting cache thread%s",
 		       "startWorkQueue", "\n");
-		return backup_cachePID;
+		result = backup_cachePID;
+		goto out;
 	}
 	b->startedCacheThread = 1;
 	wait_for_completion(&backup_cacheThreadStartCompleted);
-	return 0;
+out:
+	mutex_unlock(&cacheThreadStartLock);
+	return result;
 }
 
 /*

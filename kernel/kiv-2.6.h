@@ -155,6 +155,13 @@ struct AutoMapSession {
 	spinlock_t usersLock;
 	struct AMSessionKey sessionKey;
 	struct AutoMapSession *next;
+	/*
+	 * Writes that found this session and have not completed yet (see
+	 * updateAM).  The frozen instant and the close wait for it to be 0
+	 * with usersLock held, so that no write seen by one map can reach
+	 * the disk after the instant that closed that map.
+	 */
+	atomic_t inFlight;
 };
 
 /*

@@ -119,8 +119,9 @@ static int newMR(Backup *b, struct request_queue *q, struct bio *bio,
 }
 
 /*
- * Decide whether bio must wait for kbackupd: 1 queued (it now belongs to
- * the thread), 0 pass it on, -1 it should have been held but could not.
+ * Record a write for change tracking and decide whether bio must wait for
+ * kbackupd: 1 queued (it now belongs to the thread), 0 pass it on, -1 it
+ * should have been held but could not.
  *
  * Reads (direction 0) and read-ahead writes (3) that touch a block
  * needing a copy are held too, so they stay ordered behind the writes to
@@ -132,8 +133,9 @@ static int cacheMRFBlock(struct request_queue *q, struct bio *bio, int minor)
 	u32 startBN, endBN;
 	u64 n;
 	int cached = 0;
+	int write = (bio->bi_rw & 3) == 1;
 
-	/* Read-ahead may fail at will and is never held. */
+	/* Read-ahead may fail at will and is never held nor recorded. */
 	if ((bio->bi_rw & 3) == 2)
 		return 0;
 
@@ -157,6 +159,9 @@ static int cacheMRFBlock(struct request_queue *q, struct bio *bio, int minor)
 			b = NULL;
 		if (!b) {
 			up_read(&activeSessionUsers);
+			/* Not the backup's partition: only tracked. */
+			if (write)
+				updateAM(bio, minor);
 			return 0;
 		}
 		if (down_read_trylock(&b->writers)) {
@@ -166,6 +171,19 @@ static int cacheMRFBlock(struct request_queue *q, struct bio *bio, int minor)
 		up_read(&activeSessionUsers);
 		schedule();
 	}
+
+	/*
+	 * Recorded under writers, on the same side of the frozen instant as
+	 * the copy decision: the snapshot exchanges the maps with writers
+	 * held for writing.  A write recorded in the map handed to this
+	 * backup was decided before the instant and reaches the disk before
+	 * it (the snapshot waits for it); one decided after it is held and
+	 * copied, and is in the map the next backup gets.  Recorded before
+	 * it is queued: from then on the bio belongs to kbackupd, which may
+	 * already have sent it on (and the block layer freed it).
+	 */
+	if (write)
+		updateAM(bio, minor);
 
 	if (b->state != BU_STATE_SNAPSHOT &&
 	    b->state != BU_STATE_LOADING_MAP &&
@@ -188,26 +206,16 @@ out:
 /*
  * make_request function of the backed-up disk's queue while a backup
  * runs.  Returns 0 when the request was held for kbackupd, otherwise
- * whatever the real function returns.
- *
- * Writes are recorded for change tracking whether or not they are held.
- * They are recorded before the decision: once a request is queued it
- * belongs to kbackupd, which may already have sent it on (and the block
- * layer completed and freed it) by the time this function would look at
- * it again.
+ * whatever the real function returns.  Writes are recorded for change
+ * tracking whether or not they are held (cacheMRFBlock).
  */
 int kivMRF(struct request_queue *q, struct bio *bio)
 {
-	unsigned long rw;
 	make_request_fn *realMRF;
 	int minor, cached;
 
 	set_current_state(TASK_RUNNING);
-	rw = bio->bi_rw;
 	minor = BIOToMinor(bio);
-
-	if ((rw & 3) == 1)
-		updateAM(bio, minor);
 
 	cached = cacheMRFBlock(q, bio, minor);
 	if (cached == 1)

@@ -235,10 +235,17 @@ int ioctlSnapShot(Backup *b, void __user *userKey, u32 keyLen)
 		goto out;
 	}
 
-	/* The frozen instant. */
+	/*
+	 * The frozen instant.  With writers held for writing no write to the
+	 * partition is between its recording and its copy decision (kivMRF
+	 * does both under the read side), and waitForAMSWrites lets every
+	 * write already recorded reach the disk first: so every write that
+	 * lands after this instant is in the map the session keeps, and the
+	 * map handed over holds only writes this backup reads complete.
+	 */
 	down_write(&b->writers);
 	if (ams) {
-		waitForAMSUsers(ams, &flags);
+		waitForAMSWrites(ams, &flags);
 		if (ams->state == AM_STATE_IN_SYNC) {
 			waitForBlockMapUsers(&b->blockMap, &bmFlags);
 			waitForBlockMapUsersNested(&ams->map, &amFlags);

@@ -193,7 +193,9 @@ TEST_F(Intercept, NoMemoryToHoldAWriteMovesToThirteenAndPassesItUncopied)
 {
 	Arrivals seen(*disk_);
 	{
-		auto f = emu::FailScope::nth(emu::Alloc::Kmalloc, 1);
+		// The write's first allocation is its record in flight for
+		// change tracking; the second its MakeRequest.
+		auto f = emu::FailScope::nth(emu::Alloc::Kmalloc, 2);
 		EXPECT_TRUE(write_blocks(1, 4096, 4, 1, 0x44));
 	}
 	EXPECT_EQ(b_->state, (u32)BU_STATE_QUEUE_ERROR);
@@ -228,7 +230,8 @@ TEST_F(Intercept, NoMemoryOnADiskWithoutOtherSessionsTakesTheHookAway)
 	addQueueToList(q_, disk_->dev(1));
 	emu::log_clear();
 	{
-		auto f = emu::FailScope::nth(emu::Alloc::Kmalloc, 1);
+		// After the write's record in flight, its MakeRequest.
+		auto f = emu::FailScope::nth(emu::Alloc::Kmalloc, 2);
 		bt::RawIo io;
 		submit(io, 1, 4096, 4, 1, 0x44);
 		// unsetQueueMRFAMS returns with interrupts off (kept); the

@@ -50,6 +50,13 @@ MODULE_TEXT void module_end_io(struct bio *bio, int error)
 	record_end_io(bio, error);
 }
 
+// A make_request function of the module, passing requests on to the
+// disk's own.
+MODULE_TEXT int module_make_request(struct request_queue *q, struct bio *bio)
+{
+	return emu::Disk::request_fn()(q, bio);
+}
+
 class ModuleUnload : public DiskTest {
 protected:
 	void SetUp() override
@@ -152,6 +159,31 @@ TEST_F(ModuleUnload, ABioOfTheKernelInFlightDoesNotPinIt)
 	EXPECT_EQ(emu::module_unload(), 0);
 	disk_->unplug();
 	EXPECT_EQ(endings.wait(1)[0].error, 0);
+}
+
+TEST_F(ModuleUnloadDeathTest, WhileAQueueStillCallsTheModule)
+{
+	EXPECT_DEATH(
+		{
+			disk_->queue()->make_request_fn = module_make_request;
+			emu::module_unload();
+		},
+		"EMU VIOLATION: module unloaded while its code may still run: "
+		"the request queue of sdb still calls a make_request_fn in the "
+		"module");
+}
+
+TEST_F(ModuleUnload, AfterItsQueuesGotTheirFunctionBack)
+{
+	struct request_queue *q = disk_->queue();
+	q->make_request_fn = module_make_request;
+	Endings endings;
+	BioTag tag = first_tag(&endings);
+	Page page;
+	submit_bio(READ, make_bio(fs_->bdev(), 8, page.get(), 4096, &tag));
+	EXPECT_EQ(endings.wait(1)[0].error, 0);
+	q->make_request_fn = emu::Disk::request_fn();
+	EXPECT_EQ(emu::module_unload(), 0);
 }
 
 TEST_F(ModuleUnload, ItsDataIsPoisonedUntilTheNextLoad)

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "block_internal.hpp"
+#include "checks.hpp"
 
 #include <linux/kdev_t.h>
 
@@ -209,6 +210,21 @@ struct gendisk *emu::blk::find_disk(dev_t dev, int *partno)
 		}
 	}
 	return nullptr;
+}
+
+std::vector<std::string> emu::queues_hooked_by_module()
+{
+	std::vector<std::string> out;
+	std::lock_guard lk(disk_table().m);
+	for (auto &[key, alloc] : disk_table().all) {
+		struct gendisk *disk = &alloc->disk;
+		if (alloc->added && disk->queue &&
+		    emu::in_module_text(reinterpret_cast<const void *>(
+				disk->queue->make_request_fn)))
+			out.push_back(std::string("the request queue of ") +
+				      disk->disk_name);
+	}
+	return out;
 }
 
 extern "C" {

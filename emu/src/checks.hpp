@@ -60,6 +60,9 @@ void io_ended(struct bio *bio);
 void io_freed(struct bio *bio);
 // The module's bios in flight (one line each).
 std::vector<std::string> module_bios_in_flight();
+// Disks whose request queue's make_request_fn lies in the module's text:
+// after rmmod every request to them would call freed code.
+std::vector<std::string> queues_hooked_by_module();
 
 // ---- kmap_atomic slots (kmap_atomic.cpp) -------------------------------
 void kmap_atomic_slot_map(int type, void *addr, Site site);

@@ -148,6 +148,9 @@ void check_nothing_of_the_module_runs()
 	for (auto &b : emu::module_bios_in_flight())
 		left.push_back(b + " is in flight with its bi_end_io in the "
 			       "module");
+	for (auto &q : emu::queues_hooked_by_module())
+		left.push_back(q + " still calls a make_request_fn in the "
+			       "module");
 	if (left.empty())
 		return;
 	std::string what = "module unloaded while its code may still run:";
