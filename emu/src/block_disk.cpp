@@ -13,7 +13,10 @@
 // violation.  The function counts the request, shows it to the test's
 // observer, and queues it for the disk's completion threads (or, with no
 // threads, serves it on the spot as a RAM disk does).  A completion thread
-// takes a pending request in the order Reorder asks for, waits the
+// takes a pending request in the order Reorder asks for -- between
+// barriers: with a draining ordered mode (DiskConfig::ordered) a barrier is
+// served alone once everything queued before it has completed, and what
+// was queued after it waits for it -- waits the
 // request's latency, moves the data between the bio's pages (kmap'ed one
 // vector at a time) and the backing store, and ends the bio as a
 // request-based or a bio-based 2.6.27 driver ends it, in the disk's
@@ -179,6 +182,8 @@ struct Pending {
 	std::uint64_t seq;
 };
 
+extern "C" void emu_disk_prepare_flush(struct request_queue *,
+				       struct request *);
 extern "C" int emu_disk_make_request(struct request_queue *q,
 				     struct bio *bio);
 
@@ -196,6 +201,7 @@ struct emu::Disk::Impl {
 	std::condition_variable idle_cv;  // a request was served
 	std::deque<Pending> pending;
 	unsigned in_service = 0;
+	bool barrier_in_service = false;
 	bool plugged = false;
 	bool stopping = false;
 	Reorder reorder = Reorder::Fifo;
@@ -364,21 +370,42 @@ struct emu::Disk::Impl {
 			bio_endio(bio, error);
 	}
 
-	// Takes the next request to serve (the lock held, work available).
+	// Requests before the first barrier in `pending` (all of them when
+	// there is none).  The lock held.
+	std::size_t before_barrier() const
+	{
+		for (std::size_t i = 0; i < pending.size(); i++)
+			if (bio_barrier(pending[i].bio))
+				return i;
+		return pending.size();
+	}
+	// Whether a request may be taken now: the order Reorder asks for
+	// holds only between barriers; a barrier is served alone, once
+	// everything queued before it has completed.  The lock held.
+	bool can_take() const
+	{
+		if (plugged || pending.empty() || barrier_in_service)
+			return false;
+		return before_barrier() > 0 || in_service == 0;
+	}
+	// Takes the next request to serve (the lock held, can_take()).
 	Pending take()
 	{
+		const std::size_t span = before_barrier();
 		std::size_t idx = 0;
-		switch (reorder) {
-		case Reorder::Fifo:
-			idx = 0;
-			break;
-		case Reorder::Lifo:
-			idx = pending.size() - 1;
-			break;
-		case Reorder::Random:
-			idx = std::uniform_int_distribution<std::size_t>(
-				0, pending.size() - 1)(rng);
-			break;
+		if (span > 0) {
+			switch (reorder) {
+			case Reorder::Fifo:
+				idx = 0;
+				break;
+			case Reorder::Lifo:
+				idx = span - 1;
+				break;
+			case Reorder::Random:
+				idx = std::uniform_int_distribution<
+					std::size_t>(0, span - 1)(rng);
+				break;
+			}
 		}
 		Pending p = pending[idx];
 		pending.erase(pending.begin() + static_cast<long>(idx));
@@ -393,12 +420,15 @@ struct emu::Disk::Impl {
 		std::unique_lock lk(m);
 		for (;;) {
 			work_cv.wait(lk, [&] {
-				return stopping || stop.stop_requested() ||
-				       (!plugged && !pending.empty());
+				return can_take() ||
+				       ((stopping || stop.stop_requested()) &&
+					(plugged || pending.empty()));
 			});
-			if (plugged || pending.empty())
+			if (!can_take())
 				return;  // stopping, nothing left to serve
 			Pending p = take();
+			const bool barrier = bio_barrier(p.bio);
+			barrier_in_service = barrier;
 			in_service++;
 			std::chrono::microseconds delay = lat_min;
 			if (lat_max > lat_min)
@@ -412,7 +442,11 @@ struct emu::Disk::Impl {
 			serve(p.bio, true);
 			lk.lock();
 			in_service--;
+			if (barrier)
+				barrier_in_service = false;
 			idle_cv.notify_all();
+			// A barrier may now be served, or the requests behind it.
+			work_cv.notify_all();
 		}
 	}
 
@@ -444,6 +478,11 @@ struct emu::Disk::Impl {
 		}
 		if (obs && *obs)
 			(*obs)(r);
+		if (bio_barrier(bio) && cfg.ordered == Ordered::None) {
+			// __make_request with QUEUE_ORDERED_NONE.
+			bio_endio(bio, -EOPNOTSUPP);
+			return 0;
+		}
 		spin_lock_irq(queue_lock());
 		get_request_wait();
 		if (cfg.threads) {
@@ -461,6 +500,13 @@ struct emu::Disk::Impl {
 };
 
 namespace {
+
+// The flush a draining queue puts before a barrier: the emulated disks
+// have no write cache to flush, only its presence matters.
+extern "C" void emu_disk_prepare_flush(struct request_queue *,
+				       struct request *)
+{
+}
 
 extern "C" int emu_disk_make_request(struct request_queue *q, struct bio *bio)
 {
@@ -521,6 +567,8 @@ emu::Disk::Disk(DiskConfig config) : impl_(std::make_unique<Impl>())
 	if (d.cfg.queue_lock)
 		d.q->queue_lock = &d.q->__queue_lock;
 	d.q->queuedata = &d;
+	if (d.cfg.ordered == Ordered::DrainFlush)
+		d.q->prepare_flush_fn = emu_disk_prepare_flush;
 
 	d.disk = alloc_disk(d.cfg.minors);
 	d.disk->major = static_cast<int>(d.cfg.major);

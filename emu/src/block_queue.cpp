@@ -162,8 +162,7 @@ end_io:
 
 		if (bio_check_eod(bio, nr_sectors))
 			goto end_io;
-		/* No emulated queue has a prepare_flush_fn. */
-		if (bio_empty_barrier(bio)) {
+		if (bio_empty_barrier(bio) && !q->prepare_flush_fn) {
 			err = -EOPNOTSUPP;
 			goto end_io;
 		}

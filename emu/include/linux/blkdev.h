@@ -66,6 +66,13 @@ struct request_queue
 	int			(*merge_bvec_fn)(struct request_queue *,
 						 struct bvec_merge_data *,
 						 struct bio_vec *);
+	/*
+	 * Set where the queue's ordered mode flushes a write cache; without
+	 * it an empty barrier (blkdev_issue_flush) is refused with
+	 * -EOPNOTSUPP before it reaches the queue.
+	 */
+	void			(*prepare_flush_fn)(struct request_queue *,
+						    struct request *);
 
 	/*
 	 * The queue owner gets to use this for whatever they like.

@@ -67,6 +67,18 @@ enum class Reorder {
 };
 
 // How a request ends, as the two kinds of 2.6.27 block drivers end it.
+// The queue's ordered mode, as 2.6.27's blk_queue_ordered() sets it.  With
+// a draining mode a barrier waits until every request queued before it
+// has completed, and requests queued after it wait for it.
+enum class Ordered {
+	None,        // QUEUE_ORDERED_NONE (a device-mapper volume): a barrier
+		     // ends at once with -EOPNOTSUPP
+	Drain,       // QUEUE_ORDERED_DRAIN (IDE or SCSI, write cache off): no
+		     // prepare_flush_fn, so an empty barrier is refused
+	DrainFlush,  // QUEUE_ORDERED_DRAIN_FLUSH (write cache on, the usual
+		     // case): an empty barrier drains the queue
+};
+
 enum class Completion {
 	// Request-based (sd, ide): the block layer ends the request -- on an
 	// error it logs "<3>end_request: I/O error, dev sda, sector N", and it
@@ -116,6 +128,7 @@ struct DiskConfig {
 	// added, as 2.6.27's register_disk does; off: partitions come only
 	// from add_partition() (or a later BLKRRPART).
 	bool scan_partitions = false;
+	Ordered ordered = Ordered::DrainFlush;
 };
 
 class Disk {
