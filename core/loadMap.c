@@ -52,6 +52,14 @@ int ioctlLoadBlockMap(Backup *b, struct UserBlockMap *userBM)
 	setBackupState(b, BU_STATE_LOADING_MAP);
 
 	/*
+	 * A change map the snapshot handed over and nobody exported is
+	 * still the block map: the loaded map replaces it, so it is freed
+	 * (and leaves the page count) first instead of being overwritten.
+	 * Nothing looks at blockMap before state 6.
+	 */
+	closeBUBlockMap(b);
+
+	/*
 	 * In state 5 the interception still saves every block; blockMap is
 	 * not looked at until state 6, so it can be built without a lock.
 	 */

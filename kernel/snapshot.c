@@ -13,6 +13,9 @@
 #include <linux/kernel.h>
 #include <linux/kdev_t.h>
 #include <linux/fs.h>
+#include <linux/blkdev.h>
+#include <linux/bio.h>
+#include <linux/completion.h>
 #include <linux/string.h>
 #include <linux/random.h>
 #include <linux/time.h>
@@ -74,6 +77,55 @@ static void dropHandOverMap(Backup *b)
 		return;
 	closeBlockMap(&b->blockMap, &numPages);
 	atomic_sub(numPages, &b->curAllocPages);
+}
+
+/* Completion of the drain's barrier: wakes the snapshot. */
+static void drainEndIO(struct bio *bio, int error)
+{
+	complete(bio->bi_private);
+}
+
+/*
+ * Wait until every request queued on b's disk before this call has
+ * completed: an empty barrier sent straight to the real make_request
+ * function (not through our own hook, which may be waiting for the
+ * caller).  With the ordered mode of a disk with a write cache (2.6.27's
+ * QUEUE_ORDERED_DRAIN_FLUSH: IDE and SCSI disks as they usually run) the
+ * barrier ends only once the queue ahead of it has drained.  A queue
+ * without a prepare_flush_fn refuses empty barriers (generic_make_request
+ * would end it with -EOPNOTSUPP), so nothing is sent there and nothing is
+ * guaranteed: without a write cache, or on a device-mapper volume, a
+ * write sent before the queue was hooked and still queued at the frozen
+ * instant may land after the backup read its block.  Process context;
+ * caller holds bSem only.
+ */
+static void drainQueue(Backup *b)
+{
+	struct request_queue *q = getRequestQueue(&b->diskInfo);
+	struct completion done;
+	struct bio *bio;
+
+	if (!q || !q->prepare_flush_fn)
+		return;
+	/*
+	 * Only through a device someone has open (a mounted file system
+	 * holds it): __make_request takes the request's disk from bi_bdev.
+	 * Without one the freeze that follows refuses anyway.
+	 */
+	if (!b->diskInfo.bdev || !b->diskInfo.bdev->bd_contains)
+		return;
+	bio = bio_alloc(GFP_KERNEL, 0);
+	if (!bio)
+		return;
+	init_completion(&done);
+	bio->bi_bdev = b->diskInfo.bdev;
+	bio->bi_sector = b->diskInfo.partitionStart;
+	bio->bi_rw = 1 << BIO_RW_BARRIER;
+	bio->bi_end_io = drainEndIO;
+	bio->bi_private = &done;
+	callRealMRF(b, bio);
+	wait_for_completion(&done);
+	bio_put(bio);
 }
 
 /*
@@ -212,6 +264,16 @@ int ioctlSnapShot(Backup *b, void __user *userKey, u32 keyLen)
 	}
 
 	bdev = b->diskInfo.bdev;
+	/*
+	 * Every write to the partition from here on passes kivMRF and is
+	 * counted by the session (waitForAMSWrites at the instant).  Writes
+	 * sent before -- while the queue had no hook, or the partition no
+	 * session -- were never counted: drain them.  Before the freeze, so
+	 * that the time frozen does not include a wait for the disk.
+	 */
+	if (ams)
+		drainQueue(b);
+
 	/* "freez" and the error level are the message as it always read. */
 	printk(KERN_ERR "%s: Going to freez: %d.%d\n", "ioctlSnapShot",
 	       (int)MAJOR(bdev->bd_dev), (int)MINOR(bdev->bd_dev));

@@ -7,6 +7,7 @@
 #include "test_backup_util.hpp"
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include <linux/rwsem.h>
@@ -16,13 +17,36 @@ namespace {
 using bt::BackupTest;
 using bt::RawIo;
 
+// The backup whose state a write's completion records, and that state.
+Backup *g_watched;
+std::atomic<u32> g_state_at_end{0xffffffffu};
+
+void state_recording_end_io(struct bio *bio, int error)
+{
+	g_state_at_end = g_watched->state;
+	blocktest::record_end_io(bio, error);
+}
+
+// One block written with its completion recording g_watched's state.
+struct WatchedWrite {
+	blocktest::Endings endings;
+	blocktest::BioTag tag{&endings, 1};
+	blocktest::Page page;
+};
+
 class BackupRaces : public BackupTest {
 protected:
 	// SNAPSHOT on descriptor fd with an empty key (the sessions of
 	// track_both() have the all-zero key, so theirs is handed over).
-	long snapshot_on(int fd)
+	long snapshot_on(int fd, const AutoMapSession *keyOf = nullptr)
 	{
 		SnapShot rec{static_cast<__u32>(page_ + 1024), 0};
+		if (keyOf) {
+			EXPECT_TRUE(proc->poke(page_ + 1024,
+					       keyOf->sessionKey.key,
+					       KIV_AMS_KEY_LEN));
+			rec.len = KIV_AMS_KEY_LEN;
+		}
 		EXPECT_TRUE(proc->poke(page_ + 2048, &rec, sizeof(rec)));
 		return proc->ioctl(fd, KIV_IOC_SNAPSHOT, page_ + 2048);
 	}
@@ -48,6 +72,56 @@ protected:
 		const bool any = !list_empty(&sem->wait_list);
 		spin_unlock_irqrestore(&sem->wait_lock, flags);
 		return any;
+	}
+	// Waits until `done`, for at most a second.  A snapshot that does
+	// not wait for the disk returns in far less; one that waits is still
+	// waiting then, and the test lets the disk go on.
+	static void settle(const std::atomic<bool> &done)
+	{
+		const auto until = std::chrono::steady_clock::now() +
+				   std::chrono::seconds(1);
+		while (!done && std::chrono::steady_clock::now() < until)
+			std::this_thread::sleep_for(
+				std::chrono::milliseconds(1));
+	}
+	// Sends w to 4096-byte block `block` of bdev; its completion will
+	// record the state of this file's backup.
+	void send_watched(WatchedWrite &w, struct block_device *bdev,
+			  std::uint32_t block)
+	{
+		g_watched = b_;
+		proc->run_as([&] {
+			struct bio *bio = blocktest::make_bio(
+				bdev, std::uint64_t(block) * 8, w.page.get(),
+				4096, &w.tag);
+			bio->bi_end_io = state_recording_end_io;
+			submit_bio(WRITE, bio);
+		});
+	}
+	// SNAPSHOT on fd_ while `disk` is plugged with a write in its queue:
+	// the snapshot must wait for the disk; then the disk goes on.
+	long snapshot_waiting_for(emu::Disk &disk,
+				  const AutoMapSession *keyOf = nullptr)
+	{
+		std::atomic<bool> done{false};
+		long r = -1;
+		std::thread snap([&] {
+			r = snapshot_on(fd_, keyOf);
+			done = true;
+		});
+		settle(done);
+		EXPECT_FALSE(done) << "the snapshot did not wait for the disk";
+		disk.unplug();
+		snap.join();
+		return r;
+	}
+	// The watched write ended, and before the frozen instant.
+	static void expect_landed_before_the_instant(WatchedWrite &w)
+	{
+		EXPECT_TRUE(w.endings.wait(1)[0].uptodate);
+		EXPECT_EQ(g_state_at_end.load(),
+			  static_cast<u32>(BU_STATE_STARTED))
+			<< "the write landed after the frozen instant";
 	}
 	static bool logged(const std::string &line)
 	{
@@ -103,16 +177,6 @@ TEST_F(BackupRaces, WriteHeldUpAcrossTheFrozenInstantIsInTheNextMap)
 	EXPECT_EQ(disk_block(7), bt::filled(4096, 0x77));
 }
 
-// The backup whose state a write's completion records, and that state.
-Backup *g_watched;
-std::atomic<u32> g_state_at_end{0xffffffffu};
-
-void state_recording_end_io(struct bio *bio, int error)
-{
-	g_state_at_end = g_watched->state;
-	blocktest::record_end_io(bio, error);
-}
-
 // A write recorded before the instant but still in the disk's queue
 // could land after the backup read its block (a read may overtake it in
 // the queue), with the next map not knowing of it.  The instant waits
@@ -121,39 +185,105 @@ TEST_F(BackupRaces, FrozenInstantWaitsForRecordedWritesStillInTheQueue)
 {
 	ASSERT_EQ(start(), 0);
 	disk_->plug();
-	blocktest::Endings endings;
-	blocktest::BioTag tag{&endings, 1};
-	blocktest::Page page;
-	g_watched = b_;
-	proc->run_as([&] {
-		struct bio *bio = blocktest::make_bio(disk_->bdev(1), 9 * 8,
-						      page.get(), 4096, &tag);
-		bio->bi_end_io = state_recording_end_io;
-		submit_bio(WRITE, bio);
-	});
+	WatchedWrite w;
+	send_watched(w, disk_->bdev(1), 9);
 	EXPECT_NE(blockInMap(&session(1)->map, 9), 0);
-
-	std::atomic<bool> done{false};
-	long r = -1;
-	std::thread snap([&] {
-		r = snapshot_on(fd_);
-		done = true;
-	});
-	// Until the snapshot is at its instant (writers held for writing)
-	// or has returned; then the queued write may go.
-	while (!done && *static_cast<volatile __s32 *>(
-				&b_->writers.activity) >= 0)
-		std::this_thread::yield();
-	disk_->unplug();
-	snap.join();
-	EXPECT_EQ(r, 0);
-	EXPECT_TRUE(endings.wait(1)[0].uptodate);
-	EXPECT_EQ(g_state_at_end.load(), static_cast<u32>(BU_STATE_STARTED))
-		<< "the write landed after the frozen instant";
+	EXPECT_EQ(snapshot_waiting_for(*disk_), 0);
+	expect_landed_before_the_instant(w);
 	EXPECT_EQ(b_->state, static_cast<u32>(BU_STATE_SNAPSHOT));
 	EXPECT_NE(blockInMap(&b_->blockMap, 9), 0) << "handed over";
 	EXPECT_EQ(blockInMap(&session(1)->map, 9), 0);
 }
+
+// On a disk that cannot drain its queue (no write cache to flush, so
+// no empty barrier), the session's own count of the writes it recorded
+// is what holds the instant back until they landed.
+TEST_F(BackupRaces, FrozenInstantWaitsForCountedWritesWhereTheQueueCannotDrain)
+{
+	emu::DiskConfig c = test::disk_config(bt::kMajorB, 16, 16, 20000,
+					      "sdb");
+	c.ordered = emu::Ordered::Drain;
+	emu::Disk other(c);
+	ASSERT_EQ(other.add_partition(1, 64, 16384), 0);
+	{
+		emu::FileSystem fs(other, 1, 4096);
+		// A first backup leaves sdb1 tracked, kivAMRF on its queue.
+		ASSERT_EQ(start_on(fd_, bt::kMajorB, 17, 2048, 10), 0);
+		ASSERT_EQ(snapshot_on(fd_), 0);
+		EXPECT_EQ(proc->close(fd_), 0);
+		fd_ = open_device();
+		b_ = test::backup_of(*proc, fd_);
+		AutoMapSession *ams = amList[bt::kMajorB][17];
+		ASSERT_NE(ams, nullptr);
+		ASSERT_EQ(start_on(fd_, bt::kMajorB, 17, 2048, 10), 0);
+
+		other.plug();
+		WatchedWrite w;
+		send_watched(w, other.bdev(1), 9);
+		EXPECT_EQ(snapshot_waiting_for(other, ams), 0);
+		expect_landed_before_the_instant(w);
+		EXPECT_NE(blockInMap(&b_->blockMap, 9), 0) << "handed over";
+		EXPECT_EQ(proc->close(fd_), 0);
+		fd_ = -1;
+		emu::log_clear();
+		EXPECT_EQ(emu::module_unload(), 0);
+		emu::log_clear();
+	}
+}
+
+// The same for a write sent while the queue had no hook at all (a first
+// backup of a disk nobody tracks): the session cannot have counted it,
+// so the snapshot drains the queue once the interception is installed.
+TEST_F(BackupRaces, FrozenInstantDrainsWritesSentBeforeTheQueueWasHooked)
+{
+	closeAllAMS();
+	ASSERT_EQ(q_->make_request_fn, real_);
+	ASSERT_EQ(start(), 0);
+	disk_->plug();
+	WatchedWrite w;
+	send_watched(w, disk_->bdev(1), 11);
+	const std::uint64_t queued = disk_->requests();
+	EXPECT_EQ(snapshot_waiting_for(*disk_), 0);
+	expect_landed_before_the_instant(w);
+	EXPECT_GT(disk_->requests(), queued) << "the drain";
+	ASSERT_NE(session(1), nullptr);
+	EXPECT_EQ(session(1)->state, static_cast<u32>(AM_STATE_IN_SYNC));
+	EXPECT_EQ(blockInMap(&session(1)->map, 11), 0);
+}
+
+// A queue that cannot drain for an empty barrier (no ordered mode, as a
+// device-mapper volume of 2.6.27; or no cache to flush) refuses the
+// drain; the snapshot goes on all the same.
+class QueueOrder : public BackupRaces,
+		   public ::testing::WithParamInterface<emu::Ordered> {};
+
+TEST_P(QueueOrder, SnapshotOfAQueueThatCannotDrainGoesOn)
+{
+	emu::DiskConfig c = test::disk_config(bt::kMajorB, 16, 16, 20000,
+					      "sdb");
+	c.ordered = GetParam();
+	emu::Disk other(c);
+	ASSERT_EQ(other.add_partition(1, 64, 16384), 0);
+	{
+		emu::FileSystem fs(other, 1, 4096);
+		ASSERT_EQ(start_on(fd_, bt::kMajorB, 17, 2048, 10), 0);
+		emu::log_clear();
+		EXPECT_EQ(snapshot_on(fd_), 0);
+		ExpectLog({"<3>ioctlSnapShot: Going to freez: 8.17"});
+		EXPECT_EQ(b_->state, static_cast<u32>(BU_STATE_SNAPSHOT));
+		EXPECT_EQ(amList[bt::kMajorB][17]->state,
+			  static_cast<u32>(AM_STATE_IN_SYNC));
+		EXPECT_EQ(proc->close(fd_), 0);
+		fd_ = -1;
+		emu::log_clear();
+		EXPECT_EQ(emu::module_unload(), 0);
+		emu::log_clear();
+	}
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, QueueOrder,
+			 ::testing::Values(emu::Ordered::None,
+					   emu::Ordered::Drain));
 
 // Without the memory to follow a write to the disk the session can no
 // longer vouch for its map: it drops out of sync, the write goes on.

@@ -314,6 +314,29 @@ TEST_F(ChangeMap, LoadIsRefusedOutsideStateFourAndOnlyOnce)
 	ExpectLog({"<3>ioctlGetAutoMap: backup error map not loaded "});
 }
 
+// A program that loads its own map without exporting the one the
+// snapshot handed over: the handed-over map is freed, not overwritten,
+// and only the loaded map's pages stay counted.
+TEST_F(ChangeMap, LoadOverAnUnexportedHandedOverMapFreesIt)
+{
+	make_disk(4096);
+	const Key k1 = first_backup();
+	write_block(4, 0x44);
+	ASSERT_EQ(fs->sync(), 0);
+	incremental(k1);
+	ASSERT_NE(b_->blockMap.map, nullptr) << "handed over";
+	const int before = atomic_read(&b_->curAllocPages);
+	emu::log_clear();
+	EXPECT_EQ(load_map(user_bitmap(blocks, {1, 4}), blocks), 0);
+	ExpectLog({});
+	EXPECT_EQ(state(), static_cast<u32>(BU_STATE_MAP_LOADED));
+	EXPECT_EQ(atomic_read(&b_->curAllocPages), before)
+		<< "one map's pages for another's";
+	EXPECT_TRUE(in_map(&b_->blockMap, 1));
+	EXPECT_TRUE(in_map(&b_->blockMap, 4));
+	EXPECT_FALSE(in_map(&b_->blockMap, 3));
+}
+
 TEST_F(ChangeMap, ShortMapDropsBlocksBeyondItAndBoundsTheReads)
 {
 	make_disk(4096);
