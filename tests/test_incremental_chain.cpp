@@ -80,17 +80,8 @@ std::string run_chain(std::uint64_t seed, ChainStats &st)
 		return "module load failed";
 	emu::mknod(CV_DEVICE_PATH, KIV_MAJOR, 0);
 
-	emu::DiskConfig c = test::disk_config(
-		8, 0, 16, kP1Start + kP1Sectors + kP2Sectors + 16, "sda");
-	c.completion = (seed & 2) ? emu::Completion::Bio
-				  : emu::Completion::Request;
-	if (seed & 4)
-		c.context = emu::CompletionContext::Hardirq;
-	c.threads = 2;
-	auto disk = std::make_unique<emu::Disk>(c);
-	disk->set_reorder(emu::Reorder::Random, seed);
-	if (disk->add_partition(1, kP1Start, kP1Sectors) ||
-	    disk->add_partition(2, kP1Start + kP1Sectors, kP2Sectors))
+	auto disk = pit::seeded_disk(seed, kP1Start, kP1Sectors, kP2Sectors);
+	if (!disk)
 		return "partitions";
 	{
 		std::vector<std::byte> init((kP1Sectors + kP2Sectors) * 512);
@@ -306,14 +297,14 @@ std::string run_chain(std::uint64_t seed, ChainStats &st)
 void run_chains(std::uint64_t first, unsigned count)
 {
 	ChainStats st;
-	for (std::uint64_t s : pit::seeds_for(first, count)) {
+	bool failed = false;
+	pit::run_seeds(first, count, [&](std::uint64_t s) {
 		std::string e = run_chain(s, st);
-		if (!e.empty()) {
-			ADD_FAILURE() << "seed " << s << ": " << e
-				      << "\n  replay: CORVALIN_SEED=" << s;
-			return;
-		}
-	}
+		failed = failed || !e.empty();
+		return e;
+	});
+	if (failed)
+		return;
 	// Every block the workload wrote was exported; the map names no
 	// other block: tracking has the granularity of one block, and the
 	// workload records every block a write touches, partial ones

@@ -9,9 +9,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <mutex>
+#include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
+#include "emu/block.hpp"
 #include "test_driver_util.hpp"
 
 namespace pit {
@@ -33,10 +36,12 @@ inline void raw_end_io(struct bio *bio, int /* error */)
 }
 
 // Submit `sectors` sectors at `sector` of bdev (partition-relative), in
-// vectors of at most a page, and wait for the end.  rw: WRITE, READ or
+// vectors of at most a page, each page's bytes set by fill(data, offset
+// of the page in the request), and wait for the end.  rw: WRITE, READ or
 // read-ahead.
-inline void raw_io(struct block_device *bdev, unsigned long rw, std::uint64_t sector,
-	    unsigned sectors, std::mt19937_64 &rng)
+template <typename Fill>
+void raw_io_filled(struct block_device *bdev, unsigned long rw,
+		   std::uint64_t sector, unsigned sectors, Fill fill)
 {
 	const unsigned bytes = sectors * 512;
 	const unsigned nvec = (bytes + 4095) / 4096;
@@ -48,9 +53,7 @@ inline void raw_io(struct block_device *bdev, unsigned long rw, std::uint64_t se
 		struct page *p = alloc_page(GFP_KERNEL);
 		ASSERT_NE(p, nullptr);
 		pages.push_back(p);
-		auto *d = static_cast<unsigned char *>(kmap(p));
-		for (unsigned k = 0; k < 4096; k++)
-			d[k] = static_cast<unsigned char>(rng());
+		fill(static_cast<unsigned char *>(kmap(p)), v * 4096u);
 		kunmap(p);
 		bio->bi_io_vec[v].bv_page = p;
 		bio->bi_io_vec[v].bv_len = std::min(left, 4096u);
@@ -71,6 +74,17 @@ inline void raw_io(struct block_device *bdev, unsigned long rw, std::uint64_t se
 	}
 	for (struct page *p : pages)
 		__free_page(p);
+}
+
+// The same with random bytes.
+inline void raw_io(struct block_device *bdev, unsigned long rw,
+		   std::uint64_t sector, unsigned sectors, std::mt19937_64 &rng)
+{
+	raw_io_filled(bdev, rw, sector, sectors,
+		      [&rng](unsigned char *d, unsigned) {
+			      for (unsigned k = 0; k < 4096; k++)
+				      d[k] = static_cast<unsigned char>(rng());
+		      });
 }
 
 // Lets raw I/O through, or holds new raw I/O back and waits until none
@@ -110,6 +124,31 @@ private:
 	int active_ = 0;
 };
 
+// The chain suites' disk sda for one seed: partition 1 of p1_sectors from
+// p1_start and partition 2 of p2_sectors behind it; request or bio
+// completion (seed bit 1), soft- or hard-interrupt context (bit 2), two
+// completion threads in the seed's random order.  Null when the
+// partitions cannot be added.
+inline std::unique_ptr<emu::Disk> seeded_disk(std::uint64_t seed,
+					      std::uint64_t p1_start,
+					      std::uint64_t p1_sectors,
+					      std::uint64_t p2_sectors)
+{
+	emu::DiskConfig c = test::disk_config(
+		8, 0, 16, p1_start + p1_sectors + p2_sectors + 16, "sda");
+	c.completion = (seed & 2) ? emu::Completion::Bio
+				  : emu::Completion::Request;
+	if (seed & 4)
+		c.context = emu::CompletionContext::Hardirq;
+	c.threads = 2;
+	auto disk = std::make_unique<emu::Disk>(c);
+	disk->set_reorder(emu::Reorder::Random, seed);
+	if (disk->add_partition(1, p1_start, p1_sectors) ||
+	    disk->add_partition(2, p1_start + p1_sectors, p2_sectors))
+		return nullptr;
+	return disk;
+}
+
 inline std::vector<std::uint64_t> seeds_for(std::uint64_t first, unsigned count)
 {
 	if (const char *env = std::getenv("CORVALIN_SEED"))
@@ -118,6 +157,25 @@ inline std::vector<std::uint64_t> seeds_for(std::uint64_t first, unsigned count)
 	for (unsigned i = 0; i < count; i++)
 		v.push_back(first + i);
 	return v;
+}
+
+// Runs one(seed) for the seeds of a case; the first that returns what
+// went wrong fails the test with the seed and how to replay it.
+template <typename One>
+void run_seeds(std::uint64_t first, unsigned count, One one)
+{
+	for (std::uint64_t s : seeds_for(first, count)) {
+		const std::string e = one(s);
+		if (e.empty())
+			continue;
+		const auto *t = ::testing::UnitTest::GetInstance()
+					->current_test_info();
+		ADD_FAILURE() << "seed " << s << ": " << e
+			      << "\n  replay: CORVALIN_SEED=" << s
+			      << " <this test program> --gtest_filter="
+			      << t->test_suite_name() << "." << t->name();
+		return;
+	}
 }
 
 }  // namespace pit

@@ -49,7 +49,6 @@ constexpr std::uint64_t kP2Sectors = 512;
 
 using pit::Gate;
 using pit::raw_io;
-using pit::seeds_for;
 
 // One seed, start to end.  Returns "" or what went wrong.
 std::string run_seed(std::uint64_t seed)
@@ -321,22 +320,7 @@ std::string run_seed(std::uint64_t seed)
 
 void run_seeds(std::uint64_t first, unsigned count)
 {
-	for (std::uint64_t s : seeds_for(first, count)) {
-		std::string e = run_seed(s);
-		if (!e.empty()) {
-			ADD_FAILURE() << "seed " << s << ": " << e
-				      << "\n  replay: CORVALIN_SEED=" << s
-				      << " <this test program> --gtest_filter="
-				      << ::testing::UnitTest::GetInstance()
-						 ->current_test_info()
-						 ->test_suite_name()
-				      << "."
-				      << ::testing::UnitTest::GetInstance()
-						 ->current_test_info()
-						 ->name();
-			return;
-		}
-	}
+	pit::run_seeds(first, count, run_seed);
 }
 
 #define SEED_RANGE(from) \
