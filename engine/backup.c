@@ -10,6 +10,14 @@
  *   to read (LOAD_BLOCK_MAP); then READ_BLOCKS run after run through the
  *   mapped read buffer; close.
  *
+ * An incremental trusts the exported map only as far as the session's
+ * state vouches for it: before SNAPSHOT the partition's session must be
+ * in sync under the repository's key, after it in sync under a new key
+ * and covering the partition, and the map itself must fit the partition.
+ * Anything else makes the backup full (of the same snapshot), saying why:
+ * a map that misses a changed block gives an image that restores wrong
+ * data without any error, a full backup only costs time.
+ *
  * The repository only ever changes by renames: the image is written under
  * a temporary name, fsynced, renamed, and the index replaced the same way.
  * An interrupted backup leaves at most a temporary file (removed by the
@@ -32,6 +40,12 @@
 #include "crc32c.h"
 #include "engine.h"
 #include "fileio.h"
+
+/*
+ * The most blocks a backup takes: block numbers are 32 bits in every
+ * command, and the read loops step `first + n` without reaching 2^32.
+ */
+#define CVB_MAX_BLOCKS		0xFFFFFFF0u
 
 struct job {
 	const struct cvb_backup_opts *o;
@@ -224,6 +238,11 @@ static int want_incremental(struct job *j, const struct cvb_repo *repo,
 			 "reloaded, or tracking stopped)");
 		return 0;
 	}
+	if (ams.major != j->o->major || ams.minor != j->o->minor) {
+		snprintf(why, len, "change tracking answers for device %u:%u",
+			 (unsigned)ams.major, (unsigned)ams.minor);
+		return 0;
+	}
 	if (ams.state != 1) {
 		snprintf(why, len, "tracking lost (session state %u)",
 			 (unsigned)ams.state);
@@ -241,6 +260,148 @@ static int want_incremental(struct job *j, const struct cvb_repo *repo,
 		return 0;
 	}
 	return 1;
+}
+
+/*
+ * Whether the session's state read right after the snapshot vouches for
+ * what the snapshot did: the partition's own session, in sync, covering
+ * the partition's blocks, under a key other than `old` (every snapshot
+ * that keeps or starts tracking gives the session a new key; `old` is the
+ * key presented, or NULL).  Fills why when not.
+ */
+static int vouched_after(struct job *j, int ams_r, const AutoMapState *ams,
+			 const unsigned char *old, char *why, size_t len)
+{
+	if (ams_r != 0) {
+		snprintf(why, len, "change map not vouched for (change "
+			 "tracking cannot be queried after the snapshot: %s)",
+			 cv_result_name(ams_r));
+		return 0;
+	}
+	if (ams->major != j->o->major || ams->minor != j->o->minor) {
+		snprintf(why, len, "change map not vouched for (after the "
+			 "snapshot change tracking answers for device %u:%u)",
+			 (unsigned)ams->major, (unsigned)ams->minor);
+		return 0;
+	}
+	if (ams->state != 1) {
+		snprintf(why, len, "change map not vouched for (after the "
+			 "snapshot the session is in state %u)",
+			 (unsigned)ams->state);
+		return 0;
+	}
+	if (ams->mapLen != j->count) {
+		snprintf(why, len, "change map not vouched for (after the "
+			 "snapshot the session covers %u blocks, the partition "
+			 "has %u)", (unsigned)ams->mapLen, (unsigned)j->count);
+		return 0;
+	}
+	if (old != NULL && memcmp(ams->amsKey.key, old, CVB_KEY_SIZE) == 0) {
+		snprintf(why, len, "change map not vouched for (the snapshot "
+			 "did not renew the session key)");
+		return 0;
+	}
+	return 1;
+}
+
+/*
+ * The exported change map against the partition's geometry: the driver
+ * wrote (count + 7) / 8 bytes for a map of `count` blocks (it refuses a
+ * map of another length), so only the last byte can name blocks that do
+ * not exist.  Such a map was not made for this partition.
+ */
+static int map_fits(const struct job *j, const unsigned char *map, char *why,
+		    size_t len)
+{
+	uint32_t bm = cvb_bitmap_bytes(j->count);
+
+	if (j->count % 8 != 0 && (map[bm - 1] >> (j->count % 8)) != 0) {
+		snprintf(why, len, "change map not usable (it marks blocks at "
+			 "or beyond the partition's %u blocks)",
+			 (unsigned)j->count);
+		return 0;
+	}
+	return 1;
+}
+
+/*
+ * The partition's block count from GET_BLOCK_SIZE, checked against the
+ * size the system gives.  Every size and block number the driver takes
+ * or gives is 32 bits wide: GET_BLOCK_SIZE's size in KiB wraps at 4 TiB
+ * (a 5 TiB partition reads as 1 TiB), and START_BACKUP, READ_BLOCKS and
+ * the maps number blocks in 32 bits.  A partition they cannot describe is
+ * refused: backing up the part they do describe would look like a
+ * complete backup.
+ */
+static int check_geometry(struct job *j, const BlockSize *geo)
+{
+	uint64_t bytes = j->o->device_bytes, blocks;
+	unsigned ma = (unsigned)j->o->major, mi = (unsigned)j->o->minor;
+	int32_t bs = geo->blockSize;
+
+	if (bs < 512 || (uint32_t)bs > CVB_MAX_BLOCK_SIZE ||
+	    (bs & (bs - 1)) != 0)
+		return cvb_fail(j->err, CVB_E_DRIVER, "unusable geometry: "
+				"block size %d, %u KiB", (int)bs,
+				(unsigned)geo->partitionSizeKB);
+	if (bytes / 1024 > 0xFFFFFFFFu)
+		return cvb_fail(j->err, CVB_E_TOO_BIG, "device %u:%u has %llu "
+				"bytes (%llu GiB): partitions of 4 TiB and more "
+				"cannot be backed up, the driver describes "
+				"sizes in 32-bit KiB (it reports %u KiB)", ma,
+				mi, (unsigned long long)bytes,
+				(unsigned long long)(bytes >> 30),
+				(unsigned)geo->partitionSizeKB);
+	if (bytes / 1024 != geo->partitionSizeKB)
+		return cvb_fail(j->err, CVB_E_DRIVER, "device %u:%u has %llu "
+				"KiB but the driver reports %u KiB: refusing "
+				"to back up a partition whose size the driver "
+				"does not see", ma, mi,
+				(unsigned long long)(bytes / 1024),
+				(unsigned)geo->partitionSizeKB);
+	blocks = (uint64_t)geo->partitionSizeKB * 1024u / (uint32_t)bs;
+	if (blocks > CVB_MAX_BLOCKS)
+		return cvb_fail(j->err, CVB_E_TOO_BIG, "device %u:%u has %llu "
+				"blocks of %d bytes: more than the driver's "
+				"32-bit block numbers can address (at most %u)",
+				ma, mi, (unsigned long long)blocks, (int)bs,
+				(unsigned)CVB_MAX_BLOCKS);
+	if (blocks == 0)
+		return cvb_fail(j->err, CVB_E_DRIVER, "unusable geometry: "
+				"block size %d, %u KiB", (int)bs,
+				(unsigned)geo->partitionSizeKB);
+	j->bs = (uint32_t)bs;
+	j->count = (uint32_t)blocks;
+	return 0;
+}
+
+/*
+ * The allocated blocks of an ext2/ext3 file system into `used` (zeroed):
+ * 1, or 0 with why filled when they cannot be had (no such file system,
+ * one the reader does not understand, metadata that cannot be read).
+ */
+static int used_blocks(struct job *j, unsigned char *used, char *why,
+		       size_t len)
+{
+	char fs_why[200];
+	int r;
+
+	fs_why[0] = '\0';
+	j->err->msg[0] = '\0';
+	r = cvb_ext2_used_blocks(fs_read, j, j->bs, j->count, used, fs_why,
+				 sizeof(fs_why));
+	if (r == 1)
+		return 1;
+	if (r == 0)
+		snprintf(why, len, "%s", fs_why);
+	else
+		snprintf(why, len, "the file system's block bitmaps could "
+			 "not be read (%.200s)", j->err->msg[0] ? j->err->msg :
+			 "out of memory");
+	j->err->msg[0] = '\0';
+	j->err->code = 0;
+	memset(used, 0, cvb_bitmap_bytes(j->count));
+	return 0;
 }
 
 static int snapshot(struct job *j, const unsigned char *key)
@@ -445,16 +606,21 @@ int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
 	AutoMapState ams;
 	unsigned char head[CVB_HEADER_SIZE];
 	unsigned char *want = NULL, *bad = NULL;
-	char name[64], why[200];
-	uint64_t blocks64, t0;
+	char name[64], why[200], after_why[200];
+	uint64_t t0;
 	uint32_t bm;
-	int r, have_prev, inc, how;
+	int r, have_prev, inc, how, vouched;
 
 	memset(res, 0, sizeof(*res));
 	memset(&j, 0, sizeof(j));
 	j.o = o;
 	j.err = err;
 	j.fd = -1;
+	if (o->device_bytes == 0)
+		return cvb_fail(err, CVB_E_ARG, "the size of device %u:%u is "
+				"not known: without it a partition of 4 TiB "
+				"or more cannot be told from a smaller one",
+				(unsigned)o->major, (unsigned)o->minor);
 	r = cvb_repo_load(dir, 1, &repo, err);
 	if (r != 0)
 		return r;
@@ -484,17 +650,12 @@ int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
 					cv_result_name(r));
 		return driver_fail(&j, "GET_BLOCK_SIZE", r);
 	}
-	j.bs = (uint32_t)geo.blockSize;
-	blocks64 = (uint64_t)geo.partitionSizeKB * 1024u / j.bs;
-	if (j.bs < 512 || j.bs > CVB_MAX_BLOCK_SIZE || blocks64 == 0 ||
-	    blocks64 > 0xFFFFFFF0u) {
+	r = check_geometry(&j, &geo);
+	if (r != 0) {
 		cleanup(&j, 0);
 		cvb_repo_free(&repo);
-		return cvb_fail(err, CVB_E_DRIVER, "unusable geometry: block "
-				"size %d, %u KiB", (int)geo.blockSize,
-				(unsigned)geo.partitionSizeKB);
+		return r;
 	}
-	j.count = (uint32_t)blocks64;
 	r = cv_start_backup(&j.dev, o->major, o->minor, j.count,
 			    o->max_cache_blocks ? o->max_cache_blocks
 						: j.count);
@@ -539,10 +700,18 @@ int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
 		cvb_repo_free(&repo);
 		return r;
 	}
+	/*
+	 * The session right after the snapshot: what vouches for the map an
+	 * incremental is about to export, and the key the next backup
+	 * presents (kept only when the session vouches for this snapshot,
+	 * else the next backup is full).
+	 */
 	memset(&h, 0, sizeof(h));
 	memset(&ams, 0, sizeof(ams));
-	if (cv_get_automap_state(&j.dev, &ams, sizeof(ams)) == 0 &&
-	    ams.state == 1) {
+	r = cv_get_automap_state(&j.dev, &ams, sizeof(ams));
+	vouched = vouched_after(&j, r, &ams, have_prev ? prev.key : NULL,
+				after_why, sizeof(after_why));
+	if (vouched) {
 		memcpy(h.key, ams.amsKey.key, CVB_KEY_SIZE);
 		h.flags |= CVB_FLAG_KEY;
 	}
@@ -568,6 +737,11 @@ int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
 		r = cvb_fail(err, CVB_E_IO, "out of memory");
 	}
 	if (r == 0 && inc) {
+		/*
+		 * Exported even when it is not going to be used: the export
+		 * consumes the handed-over map, and a map still in place
+		 * would be overwritten (and lost) by LOAD_BLOCK_MAP.
+		 */
 		r = cv_get_automap(&j.dev, want, j.count);
 		if (r == KIV_ERR_INVALID) {
 			/* No map was handed over after all: read all. */
@@ -577,15 +751,22 @@ int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
 			r = 0;
 		} else if (r != 0) {
 			r = driver_fail(&j, "GET_AUTOMAP", r);
+		} else if (!vouched) {
+			inc = 0;
+			snprintf(why, sizeof(why), "%s", after_why);
+		} else if (!map_fits(&j, want, why, sizeof(why))) {
+			inc = 0;
 		} else {
 			r = load_map(&j, want);
 		}
+		if (r == 0 && !inc)
+			memset(want, 0, bm);
 	}
 	if (r == 0 && !inc) {
-		r = o->used_blocks ? cvb_ext2_used_blocks(fs_read, &j, j.bs,
-							  j.count, want, NULL,
-							  0)
-				   : 0;
+		r = 0;
+		if (o->used_blocks)
+			r = used_blocks(&j, want, res->why_all_blocks,
+					sizeof(res->why_all_blocks));
 		if (r == 1) {
 			h.flags |= CVB_FLAG_USED_BLOCKS;
 			res->used_blocks = 1;
@@ -594,7 +775,7 @@ int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
 			/*
 			 * Not ext2/ext3, or its bitmaps could not be read
 			 * (the read loop then records what is unreadable):
-			 * read every block.
+			 * read every block, and say why.
 			 */
 			r = 0;
 			memset(want, 0xFF, bm);

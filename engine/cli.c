@@ -52,8 +52,11 @@ static const struct cmd cmds[] = {
 	{"list", "REPO [--json]", "list the backups of a repository", "",
 	 run_list},
 	{"status", "[DEVICE] [--json]",
-	 "driver version, running backup, tracking state of DEVICE",
-	 "  Does not open the driver while a corvalin backup runs.\n",
+	 "driver version, running backup, geometry of DEVICE",
+	 "  Does not open the driver while a corvalin backup runs, and changes\n"
+	 "  nothing in it: the tracking state of DEVICE is not queried (only a\n"
+	 "  started backup can see it, and ending one can stop the tracking of\n"
+	 "  the disk's other partitions).\n",
 	 run_status},
 };
 #define NCMDS (sizeof(cmds) / sizeof(cmds[0]))
@@ -241,6 +244,13 @@ static int run_backup(int argc, char **argv, const struct cvb_platform *pf)
 			 strerror(r) : "not a block device");
 		return fail(pf, &e, o.json);
 	}
+	r = pf->device_size != NULL ?
+	    pf->device_size(pf->ctx, o.pos[0], &bo.device_bytes) : ENOSYS;
+	if (r != 0) {
+		cvb_fail(&e, CVB_E_ARG, "%s: cannot learn its size: %s",
+			 o.pos[0], strerror(r));
+		return fail(pf, &e, o.json);
+	}
 	bo.force_full = o.full;
 	bo.used_blocks = !o.no_used;
 	bo.max_cache_blocks = o.max_cache;
@@ -266,6 +276,10 @@ static int run_backup(int argc, char **argv, const struct cvb_platform *pf)
 	if (r != 0 && r != CVB_E_PARTIAL)
 		return fail(pf, &e, o.json);
 	mib(stored, sizeof(stored), (double)res.bytes_stored);
+	if (res.why_all_blocks[0] != '\0')
+		fprintf(pf->err, "corvalin backup: warning: every block was "
+			"read, not only the allocated ones: %s\n",
+			res.why_all_blocks);
 	if (o.json) {
 		fprintf(pf->out, "{\"command\":\"backup\",\"ok\":%s,"
 			"\"exit\":%d,\"backup\":%u,\"kind\":\"%s\","
@@ -274,11 +288,12 @@ static int run_backup(int argc, char **argv, const struct cvb_platform *pf)
 			res.incremental ? "incremental" : "full");
 		jstr(pf->out, res.why_full);
 		fprintf(pf->out, ",\"block_size\":%u,\"block_count\":%u,"
-			"\"used_blocks\":%s,\"blocks_read\":%u,"
-			"\"unreadable\":%u,\"bytes_stored\":%llu,"
-			"\"frozen_us\":%u}\n", (unsigned)res.block_size,
-			(unsigned)res.block_count,
-			res.used_blocks ? "true" : "false",
+			"\"used_blocks\":%s,\"why_all_blocks\":",
+			(unsigned)res.block_size, (unsigned)res.block_count,
+			res.used_blocks ? "true" : "false");
+		jstr(pf->out, res.why_all_blocks);
+		fprintf(pf->out, ",\"blocks_read\":%u,\"unreadable\":%u,"
+			"\"bytes_stored\":%llu,\"frozen_us\":%u}\n",
 			(unsigned)res.blocks_read, (unsigned)res.unreadable,
 			(unsigned long long)res.bytes_stored,
 			(unsigned)res.frozen_us);
@@ -541,22 +556,34 @@ static int run_list(int argc, char **argv, const struct cvb_platform *pf)
 
 /* --- status ---------------------------------------------------------------- */
 
+/*
+ * status changes nothing in the driver, and so does not ask for the
+ * partition's tracking state.  The driver answers GET_AUTOMAP_STATE for
+ * the device of a backup record, and only START_BACKUP gives a record its
+ * device; the close of a started record then hands the disk's queue back,
+ * and where the partition itself is not tracked in sync and one other
+ * partition of its disk is, that hand-back unhooks the queue and drops
+ * the other partition's tracking out of sync: its next backup is full.
+ * GET_BLOCK_SIZE needs no backup: status shows the geometry the next
+ * backup would take, and whether the driver's 32-bit sizes describe it.
+ */
 static int run_status(int argc, char **argv, const struct cvb_platform *pf)
 {
 	struct opts o;
 	struct cvb_err e;
 	cv_device dev;
 	uint32_t vmaj = 0, vmin = 0, major = 0, minor = 0;
-	AutoMapState ams;
+	uint64_t bytes = 0;
 	BlockSize geo;
-	int r, lk, tracked = -1;
-	const char *why = "";
+	int r, lk, geo_r = -1, size_r = ENOSYS;
+	char size[32];
+	const char *too_big = "";
 
 	r = parse(argc, argv, pf, &o, 1, "--json");
 	if (r != 0)
 		return r;
 	memset(&e, 0, sizeof(e));
-	memset(&ams, 0, sizeof(ams));
+	memset(&geo, 0, sizeof(geo));
 	if (o.npos == 1) {
 		r = pf->resolve(pf->ctx, o.pos[0], &major, &minor);
 		if (r != 0) {
@@ -564,6 +591,11 @@ static int run_status(int argc, char **argv, const struct cvb_platform *pf)
 				 strerror(r) : "not a block device");
 			return fail(pf, &e, o.json);
 		}
+		if (pf->device_size != NULL)
+			size_r = pf->device_size(pf->ctx, o.pos[0], &bytes);
+		if (size_r == 0 && bytes / 1024 > 0xFFFFFFFFu)
+			too_big = "4 TiB or more: too large for the driver's "
+				  "32-bit sizes, cannot be backed up";
 	}
 	/*
 	 * Closing any file of the control device ends the running backup's
@@ -588,30 +620,9 @@ static int run_status(int argc, char **argv, const struct cvb_platform *pf)
 		}
 		(void)cv_get_version_major(&dev, &vmaj);
 		(void)cv_get_version_minor(&dev, &vmin);
-		if (o.npos == 1) {
-			/* The session query needs a record of the device. */
-			memset(&geo, 0, sizeof(geo));
-			r = cv_get_block_size(&dev, major, minor, &geo,
-					      sizeof(geo));
-			if (r == 0)
-				r = cv_start_backup(&dev, major, minor,
-					(uint32_t)((uint64_t)
-					geo.partitionSizeKB * 1024u /
-					(uint32_t)geo.blockSize), 1);
-			if (r == 0)
-				r = cv_get_automap_state(&dev, &ams,
-							 sizeof(ams));
-			if (r == 0) {
-				tracked = ams.state == 1;
-				why = ams.state == 1 ? "in sync" :
-				      ams.state == 0 && ams.major == 0 ?
-				      "not tracked" : "tracking lost";
-			} else {
-				why = r == KIV_ERR_BUSY ?
-				      "a backup of another program is "
-				      "running" : cv_result_name(r);
-			}
-		}
+		if (o.npos == 1)
+			geo_r = cv_get_block_size(&dev, major, minor, &geo,
+						  sizeof(geo));
 		(void)cv_close(&dev);
 		pf->release_lock(pf->ctx);
 	}
@@ -622,16 +633,24 @@ static int run_status(int argc, char **argv, const struct cvb_platform *pf)
 		if (lk == 0)
 			fprintf(pf->out, ",\"driver_version\":\"%u.%u\"",
 				(unsigned)vmaj, (unsigned)vmin);
-		if (o.npos == 1 && lk == 0) {
+		if (o.npos == 1) {
 			fprintf(pf->out, ",\"device\":");
 			jstr(pf->out, o.pos[0]);
-			fprintf(pf->out, ",\"major\":%u,\"minor\":%u,"
-				"\"tracking\":", (unsigned)major,
-				(unsigned)minor);
-			jstr(pf->out, why);
-			fprintf(pf->out, ",\"session_state\":%u,"
-				"\"tracked_blocks\":%u",
-				(unsigned)ams.state, (unsigned)ams.mapLen);
+			fprintf(pf->out, ",\"major\":%u,\"minor\":%u",
+				(unsigned)major, (unsigned)minor);
+			if (size_r == 0)
+				fprintf(pf->out, ",\"bytes\":%llu",
+					(unsigned long long)bytes);
+			if (geo_r == 0)
+				fprintf(pf->out, ",\"block_size\":%d,"
+					"\"partition_kb\":%u",
+					(int)geo.blockSize,
+					(unsigned)geo.partitionSizeKB);
+			else if (lk == 0)
+				fprintf(pf->out, ",\"mounted\":false");
+			if (too_big[0] != '\0')
+				fprintf(pf->out, ",\"too_large\":true");
+			fprintf(pf->out, ",\"tracking\":\"not queried\"");
 		}
 		fputs("}\n", pf->out);
 		return CVB_EXIT_OK;
@@ -643,11 +662,32 @@ static int run_status(int argc, char **argv, const struct cvb_platform *pf)
 	}
 	fprintf(pf->out, "driver version %u.%u\nno corvalin backup running\n",
 		(unsigned)vmaj, (unsigned)vmin);
-	if (o.npos == 1)
-		fprintf(pf->out, "%s (%u:%u): %s%s\n", o.pos[0],
-			(unsigned)major, (unsigned)minor, why,
-			tracked == 1 ? ", the next backup can be incremental"
-				     : "");
+	if (o.npos != 1)
+		return CVB_EXIT_OK;
+	fprintf(pf->out, "%s (%u:%u): ", o.pos[0], (unsigned)major,
+		(unsigned)minor);
+	if (too_big[0] != '\0') {
+		fprintf(pf->out, "%s\n", too_big);
+	} else if (geo_r == 0 && geo.blockSize > 0 &&
+		   (uint64_t)geo.partitionSizeKB * 1024u /
+		   (uint32_t)geo.blockSize > 0xFFFFFFF0u) {
+		fprintf(pf->out, "more blocks of %d bytes than the driver's "
+			"32-bit block numbers address, cannot be backed up\n",
+			(int)geo.blockSize);
+	} else if (geo_r == 0) {
+		mib(size, sizeof(size),
+		    (double)geo.partitionSizeKB * 1024.0);
+		fprintf(pf->out, "%s in blocks of %d bytes, mounted\n", size,
+			(int)geo.blockSize);
+	} else {
+		fprintf(pf->out, "%s\n", geo_r == KIV_ERR_NO_FS ?
+			"no mounted file system (cannot be backed up)" :
+			cv_result_name(geo_r));
+	}
+	fprintf(pf->out, "change tracking: not queried (the driver shows it "
+		"only to a backup it has started, and ending that backup can "
+		"stop the tracking of the disk's other partitions); each "
+		"backup says whether it is incremental, and why not\n");
 	return CVB_EXIT_OK;
 }
 

@@ -35,6 +35,9 @@ struct cvb_platform {
 	/* DEVICE as the user names it -> major:minor; 0 or an errno. */
 	int (*resolve)(void *ctx, const char *name, uint32_t *major,
 		       uint32_t *minor);
+	/* The size in bytes of the block device DEVICE names (as resolve
+	 * names it): 0 or an errno. */
+	int (*device_size)(void *ctx, const char *name, uint64_t *bytes);
 	/* 1 when TARGET is a block device holding a mounted file system,
 	 * 0 when not, -errno when that cannot be told. */
 	int (*is_mounted)(void *ctx, const char *target);

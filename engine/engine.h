@@ -34,7 +34,9 @@ enum {
 	CVB_E_BUSY = 6,		/* another backup is running */
 	CVB_E_INTERRUPTED = 7,	/* stopped by a signal or a stage hook */
 	CVB_E_PARTIAL = 8,	/* stored, but some blocks were unreadable */
-	CVB_E_MOUNTED = 9	/* restore target is mounted */
+	CVB_E_MOUNTED = 9,	/* restore target is mounted */
+	CVB_E_TOO_BIG = 10	/* beyond what the driver's 32-bit sizes
+				 * and block numbers describe */
 };
 
 struct cvb_err {
@@ -123,6 +125,13 @@ struct cvb_backup_opts {
 	const struct cv_transport *tp;	/* driver transport */
 	const char *control_path;	/* NULL: /dev/corvalin */
 	uint32_t major, minor;		/* the partition */
+	/*
+	 * The partition's size in bytes as the system tells it (the block
+	 * device's end).  Required: GET_BLOCK_SIZE answers in 32-bit KiB,
+	 * which wraps at 4 TiB, so the driver's answer alone cannot tell a
+	 * 5 TiB partition from a 1 TiB one.  0 is refused.
+	 */
+	uint64_t device_bytes;
 	int force_full;
 	int used_blocks;		/* 1 where ext2/ext3 is recognised */
 	uint32_t max_cache_blocks;	/* 0: a default */
@@ -146,6 +155,9 @@ struct cvb_backup_result {
 	char why_full[200];		/* "" for an incremental */
 	uint32_t block_size, block_count;
 	int used_blocks;		/* 1: only allocated blocks were read */
+	/* A full backup asked to read only allocated blocks that read every
+	 * block: why ("" otherwise).  Callers show it as a warning. */
+	char why_all_blocks[300];
 	uint32_t blocks_read;
 	uint32_t unreadable;
 	uint64_t bytes_stored;		/* size of the image file */

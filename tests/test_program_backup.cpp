@@ -283,30 +283,7 @@ TEST(BackupProgram, AnotherRunningBackupIsReportedBusy)
 
 // The command line over the emulated machine: what it prints, --json,
 // and its exit codes.
-struct Cli {
-	explicit Cli(EmuWorld &world) : w(world) {}
-	EmuWorld &w;
-	std::string out, err;
-	int run(std::vector<std::string> args)
-	{
-		char *ob = nullptr, *eb = nullptr;
-		std::size_t on = 0, en = 0;
-		FILE *o = open_memstream(&ob, &on), *e = open_memstream(&eb, &en);
-		cvb_platform pf = w.platform(o, e);
-		std::vector<char *> argv;
-		for (auto &a : args)
-			argv.push_back(a.data());
-		const int r = cvb_cli_main(static_cast<int>(argv.size()),
-					   argv.data(), &pf);
-		std::fclose(o);
-		std::fclose(e);
-		out.assign(ob, on);
-		err.assign(eb, en);
-		std::free(ob);
-		std::free(eb);
-		return r;
-	}
-};
+using program_test::Cli;
 
 TEST(BackupProgramCli, CommandsPrintTheirResultsAndExitCodes)
 {

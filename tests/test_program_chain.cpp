@@ -73,6 +73,7 @@ public:
 		return v;
 	}
 	unsigned reads() const { return reads_; }
+	std::uint64_t bytes() const { return disk_.size(); }
 
 private:
 	struct Session {
@@ -350,6 +351,7 @@ Outcome backup(ModelDriver &m, const std::string &repo, int stop_at = 0)
 	o.tp = m.transport();
 	o.major = 8;
 	o.minor = 1;
+	o.device_bytes = m.bytes();
 	o.used_blocks = 0;
 	o.stage_hook = Hook::fn;
 	o.hook_ctx = &hook;
@@ -521,6 +523,7 @@ TEST(Chain, AStopRequestEndsTheBackupAndLeavesNoTrace)
 	o.tp = m.transport();
 	o.major = 8;
 	o.minor = 1;
+	o.device_bytes = m.bytes();
 	o.force_full = 1;
 	o.stop = &stop;
 	o.progress = Ctx::progress;

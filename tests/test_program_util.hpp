@@ -63,15 +63,19 @@ inline void write_file(const std::string &path,
 		static_cast<std::streamsize>(data.size()));
 }
 
-// One backup of /dev/sda1 through the engine.  At START_BACKUP the writer
-// (if running) pauses and the partition is recorded as `frozen` (nothing
-// is dirty then, so the freeze adds nothing); from the snapshot on the
-// writer runs while the backup reads.  `stop_at`/`how`: the stage hook's
-// answer at that stage (interruption tests).
+// One backup of /dev/sda1 (or /dev/sda<minor>) through the engine.  At
+// START_BACKUP the writer (if running) pauses and the partition is
+// recorded as `frozen` (nothing is dirty then, so the freeze adds
+// nothing); from the snapshot on the writer runs while the backup reads.
+// `stop_at`/`how`: the stage hook's answer at that stage (interruption
+// tests).  `tp`: the transport (default: the machine's own).
 struct BackupRun {
-	explicit BackupRun(corvalin::tool::EmuWorld &w) : world(w) {}
+	explicit BackupRun(corvalin::tool::EmuWorld &w, int partno = 1)
+		: world(w), minor(partno) {}
 
 	corvalin::tool::EmuWorld &world;
+	int minor;
+	const cv_transport *tp = nullptr;
 	std::vector<std::byte> frozen;
 	int stop_at = 0, how = 0;
 	bool force_full = false, used_blocks = true;
@@ -85,7 +89,7 @@ struct BackupRun {
 		r->stages.push_back(stage);
 		if (stage == CVB_STAGE_STARTED) {
 			r->world.pause_writer();
-			r->frozen = r->world.partition();
+			r->frozen = r->world.partition(r->minor);
 		} else if (stage == CVB_STAGE_SNAPSHOT) {
 			r->world.resume_writer();
 		}
@@ -99,10 +103,13 @@ struct BackupRun {
 	int run(const std::string &repo)
 	{
 		cvb_backup_opts o{};
-		o.tp = world.transport();
+		o.tp = tp != nullptr ? tp : world.transport();
 		o.control_path = CV_DEVICE_PATH;
 		o.major = 8;
-		o.minor = 1;
+		o.minor = static_cast<std::uint32_t>(minor);
+		const std::string node = "/dev/sda" + std::to_string(minor);
+		if (world.device_size(node.c_str(), &o.device_bytes) != 0)
+			return CVB_E_ARG;
 		o.force_full = force_full;
 		o.used_blocks = used_blocks;
 		o.stage_hook = hook;
@@ -163,6 +170,47 @@ inline std::vector<std::byte> allocated_only(
 			std::copy_n(image.begin() + b * bs, bs,
 				    out.begin() + b * bs);
 	return out;
+}
+
+// The command line (cvb_cli_main) over the emulated machine: its exit
+// status, and what it printed on stdout and stderr.
+struct Cli {
+	explicit Cli(corvalin::tool::EmuWorld &world) : w(world) {}
+	corvalin::tool::EmuWorld &w;
+	std::string out, err;
+	int run(std::vector<std::string> args)
+	{
+		char *ob = nullptr, *eb = nullptr;
+		std::size_t on = 0, en = 0;
+		FILE *o = open_memstream(&ob, &on), *e = open_memstream(&eb, &en);
+		cvb_platform pf = w.platform(o, e);
+		std::vector<char *> argv;
+		for (auto &a : args)
+			argv.push_back(a.data());
+		const int r = cvb_cli_main(static_cast<int>(argv.size()),
+					   argv.data(), &pf);
+		std::fclose(o);
+		std::fclose(e);
+		out.assign(ob, on);
+		err.assign(eb, en);
+		std::free(ob);
+		std::free(eb);
+		return r;
+	}
+};
+
+// Rewrites `count` file blocks of partition `partno` (the highest ones)
+// with `fill`: a change the next backup must carry.
+inline void change_files(corvalin::tool::EmuWorld &w, int partno,
+			 std::uint8_t fill, std::size_t count = 3)
+{
+	const auto &files = w.file_blocks(partno);
+	std::vector<std::byte> data(w.block_size(partno), std::byte{fill});
+	for (std::size_t i = 0; i < count && i < files.size(); i++)
+		ASSERT_EQ(w.fs(partno).write_block(
+				  files[files.size() - 1 - i * 7 % files.size()],
+				  data),
+			  0);
 }
 
 }  // namespace program_test

@@ -1,6 +1,7 @@
 // The emulated machine of the backup program's demo and tests.
 #include "emu_world.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <random>
@@ -26,109 +27,41 @@ void put32(std::byte *p, std::uint32_t v)
 		p[i] = static_cast<std::byte>((v >> (8 * i)) & 0xFF);
 }
 
-int resolve(void *ctx, const char *name, std::uint32_t *major,
-	    std::uint32_t *minor)
-{
-	(void)ctx;
-	if (std::strcmp(name, "/dev/sda1") == 0) {
-		*major = kMajor;
-		*minor = 1;
-		return 0;
-	}
-	if (std::strcmp(name, "/dev/sda") == 0) {
-		*major = kMajor;
-		*minor = 0;
-		return 0;
-	}
-	return ENOENT;
-}
+// BLKGETSIZE64 as the emulated i386 kernel numbers it (_IOR(0x12, 114,
+// size_t) with a 4-byte size_t), whatever the host's own value.
+constexpr unsigned kBlkGetSize64 = 0x80041272u;
 
 int is_mounted(void *ctx, const char *target)
 {
 	(void)ctx;
-	// The emulated partition is mounted; targets on the host are the
+	// The emulated partitions are mounted; targets on the host are the
 	// host's block devices, never written by the demo: refuse them all.
 	(void)target;
 	return 1;
 }
 
-int take_lock(void *ctx)
+struct Layout {
+	std::vector<bool> allocated;
+	std::vector<std::uint32_t> writable;
+};
+
+// A small ext2 layout in `image` (n blocks of bs bytes, zero): the super
+// block, one block of group descriptors, a block bitmap and an "inode
+// table" per group, and about half of the remaining blocks allocated to
+// files (random contents); free blocks stay zero.
+Layout format_ext2(std::span<std::byte> image, unsigned bs, std::uint32_t n,
+		   std::uint32_t per, std::uint64_t seed)
 {
-	bool &locked = *static_cast<bool *>(ctx);
-	if (locked)
-		return 1;
-	locked = true;
-	return 0;
-}
-
-void release_lock(void *ctx)
-{
-	*static_cast<bool *>(ctx) = false;
-}
-
-}  // namespace
-
-EmuWorld::EmuWorld(const Config &c) : cfg_(c)
-{
-	emu::log_clear();
-	if (emu::module_load() != 0) {
-		error_ = "module load failed";
-		return;
-	}
-	loaded_ = true;
-	emu::mknod(CV_DEVICE_PATH, KIV_MAJOR, 0);
-	emu::mknod_block("/dev/sda", kMajor, 0);
-	emu::mknod_block("/dev/sda1", kMajor, 1);
-
-	const std::uint64_t sectors =
-		std::uint64_t(cfg_.blocks) * cfg_.block_size / 512;
-	emu::DiskConfig dc;
-	dc.major = kMajor;
-	dc.first_minor = 0;
-	dc.minors = 16;
-	dc.sectors = kStart + sectors +
-		     std::uint64_t(cfg_.room) * cfg_.block_size / 512 + 64;
-	dc.name = "sda";
-	dc.threads = 2;
-	disk_ = std::make_unique<emu::Disk>(dc);
-	if (disk_->add_partition(1, kStart, sectors) != 0) {
-		error_ = "partition";
-		return;
-	}
-	std::vector<std::byte> image(std::size_t(cfg_.blocks) *
-				     cfg_.block_size);
-	allocated_.assign(cfg_.blocks, !cfg_.ext2);
-	if (cfg_.ext2) {
-		format_ext2(image);
-	} else {
-		std::mt19937_64 rng(cfg_.seed);
-		for (auto &b : image)
-			b = static_cast<std::byte>(rng());
-		for (std::uint32_t i = 0; i < cfg_.blocks; i++)
-			writable_.push_back(i);
-	}
-	disk_->write(kStart, image);
-	fs_ = std::make_unique<emu::FileSystem>(*disk_, 1, cfg_.block_size);
-	process_ = std::make_unique<emu::Process>("corvalin");
-	transport_ = std::make_unique<EmuTransport>(*process_);
-}
-
-// A small ext2 layout: the super block, one block of group descriptors,
-// a block bitmap and an "inode table" per group, and about half of the
-// remaining blocks allocated to files (random contents); free blocks are
-// zero.
-void EmuWorld::format_ext2(std::vector<std::byte> &image)
-{
-	const unsigned bs = cfg_.block_size;
-	const std::uint32_t n = cfg_.blocks, per = cfg_.per_group;
+	Layout l;
 	const std::uint32_t first = bs == 1024 ? 1 : 0;
 	const std::uint32_t groups = (n - first + per - 1) / per;
 	const std::uint32_t gdt_blocks = (groups * 32 + bs - 1) / bs;
-	std::mt19937_64 rng(cfg_.seed);
+	std::mt19937_64 rng(seed);
 	auto block = [&](std::uint32_t b) { return image.data() +
 						   std::size_t(b) * bs; };
 	std::vector<bool> meta(n, false);
 
+	l.allocated.assign(n, false);
 	for (std::uint32_t b = 0; b <= first + gdt_blocks; b++)
 		meta[b] = true;  // boot block, super block, descriptors
 	std::vector<std::uint32_t> bitmap_at(groups);
@@ -139,9 +72,9 @@ void EmuWorld::format_ext2(std::vector<std::byte> &image)
 			meta[bitmap_at[g] + k] = true;  // bitmap, inodes
 	}
 	for (std::uint32_t b = 0; b < n; b++) {
-		allocated_[b] = meta[b] || rng() % 2 == 0;
-		if (allocated_[b] && !meta[b]) {
-			writable_.push_back(b);
+		l.allocated[b] = meta[b] || rng() % 2 == 0;
+		if (l.allocated[b] && !meta[b]) {
+			l.writable.push_back(b);
 			for (unsigned k = 0; k < bs; k++)
 				block(b)[k] = static_cast<std::byte>(rng());
 		}
@@ -160,11 +93,99 @@ void EmuWorld::format_ext2(std::vector<std::byte> &image)
 			// Bits past the end of the file system are set,
 			// as a formatter leaves them.
 			const bool used = base + i >= n || i >= per ||
-					  allocated_[base + i];
+					  l.allocated[base + i];
 			if (used)
 				bm[i / 8] |= static_cast<std::byte>(1u << (i % 8));
 		}
 	}
+	return l;
+}
+
+}  // namespace
+
+EmuWorld::EmuWorld(const Config &c) : cfg_(c)
+{
+	emu::log_clear();
+	if (emu::module_load() != 0) {
+		error_ = "module load failed";
+		return;
+	}
+	loaded_ = true;
+	emu::mknod(CV_DEVICE_PATH, KIV_MAJOR, 0);
+	emu::mknod_block("/dev/sda", kMajor, 0);
+
+	// The partitions, one after the other.
+	parts_.resize(1 + cfg_.more.size());
+	parts_[0].block_size = cfg_.block_size;
+	parts_[0].start = kStart;
+	parts_[0].sectors = std::uint64_t(cfg_.blocks) * cfg_.block_size / 512;
+	parts_[0].blocks = cfg_.blocks;
+	std::uint64_t next = kStart + parts_[0].sectors +
+			     std::uint64_t(cfg_.room) * cfg_.block_size / 512;
+	for (std::size_t i = 0; i < cfg_.more.size(); i++) {
+		Part &p = parts_[i + 1];
+		p.block_size = cfg_.more[i].block_size;
+		p.start = next;
+		p.sectors = cfg_.more[i].sectors;
+		p.blocks = static_cast<std::uint32_t>(std::min<std::uint64_t>(
+			p.sectors * 512 / p.block_size, 0xFFFFFFFFu));
+		next += p.sectors;
+	}
+
+	emu::DiskConfig dc;
+	dc.major = kMajor;
+	dc.first_minor = 0;
+	dc.minors = 16;
+	dc.sectors = next + 64;
+	dc.name = "sda";
+	dc.threads = 2;
+	disk_ = std::make_unique<emu::Disk>(dc);
+	for (int n = 1; n <= partitions(); n++) {
+		const std::string node = "/dev/sda" + std::to_string(n);
+		emu::mknod_block(node.c_str(), kMajor,
+				 static_cast<unsigned>(n));
+		if (disk_->add_partition(n, part(n).start, part(n).sectors) !=
+		    0) {
+			error_ = "partition " + std::to_string(n);
+			return;
+		}
+	}
+
+	Part &p1 = parts_[0];
+	std::vector<std::byte> image(std::size_t(cfg_.blocks) *
+				     cfg_.block_size);
+	if (cfg_.ext2) {
+		Layout l = format_ext2(image, cfg_.block_size, cfg_.blocks,
+				       cfg_.per_group, cfg_.seed);
+		p1.allocated = std::move(l.allocated);
+		p1.writable = std::move(l.writable);
+	} else {
+		std::mt19937_64 rng(cfg_.seed);
+		for (auto &b : image)
+			b = static_cast<std::byte>(rng());
+		p1.allocated.assign(cfg_.blocks, true);
+		for (std::uint32_t i = 0; i < cfg_.blocks; i++)
+			p1.writable.push_back(i);
+	}
+	disk_->write(p1.start, image);
+	for (std::size_t i = 0; i < cfg_.more.size(); i++) {
+		const Config::Partition &m = cfg_.more[i];
+		Part &p = parts_[i + 1];
+		if (!m.ext2)
+			continue;
+		std::vector<std::byte> img(std::size_t(p.blocks) *
+					   p.block_size);
+		Layout l = format_ext2(img, p.block_size, p.blocks,
+				       m.per_group, m.seed);
+		p.allocated = std::move(l.allocated);
+		p.writable = std::move(l.writable);
+		disk_->write(p.start, img);
+	}
+	for (int n = 1; n <= partitions(); n++)
+		part(n).fs = std::make_unique<emu::FileSystem>(
+			*disk_, n, part(n).block_size);
+	process_ = std::make_unique<emu::Process>("corvalin");
+	transport_ = std::make_unique<EmuTransport>(*process_);
 }
 
 EmuWorld::~EmuWorld()
@@ -174,9 +195,62 @@ EmuWorld::~EmuWorld()
 	process_.reset();
 	if (loaded_)
 		(void)emu::module_unload();
-	fs_.reset();
+	for (Part &p : parts_)
+		p.fs.reset();
 	disk_.reset();
 	(void)new_log_lines();
+}
+
+int EmuWorld::resolve_cb(void *ctx, const char *name, std::uint32_t *major,
+			 std::uint32_t *minor)
+{
+	auto &w = *static_cast<EmuWorld *>(ctx);
+	for (int n = 0; n <= w.partitions(); n++) {
+		const std::string node =
+			"/dev/sda" + (n ? std::to_string(n) : std::string());
+		if (node == name) {
+			*major = kMajor;
+			*minor = static_cast<std::uint32_t>(n);
+			return 0;
+		}
+	}
+	return ENOENT;
+}
+
+int EmuWorld::device_size_cb(void *ctx, const char *name,
+			     std::uint64_t *bytes)
+{
+	return static_cast<EmuWorld *>(ctx)->device_size(name, bytes);
+}
+
+int EmuWorld::take_lock_cb(void *ctx)
+{
+	auto &w = *static_cast<EmuWorld *>(ctx);
+	if (w.locked_)
+		return 1;
+	w.locked_ = true;
+	return 0;
+}
+
+void EmuWorld::release_lock_cb(void *ctx)
+{
+	static_cast<EmuWorld *>(ctx)->locked_ = false;
+}
+
+int EmuWorld::device_size(const char *name, std::uint64_t *bytes)
+{
+	std::uint32_t major, minor;
+	if (resolve_cb(this, name, &major, &minor) != 0)
+		return ENOENT;
+	const int fd = process_->open(name);
+	if (fd < 0)
+		return -fd;
+	const emu::uaddr at = process_->map_anon(8);
+	long r = at == 0 ? -ENOMEM : process_->ioctl(fd, kBlkGetSize64, at);
+	if (r == 0 && !process_->peek(at, bytes, sizeof(*bytes)))
+		r = -EFAULT;
+	(void)process_->close(fd);
+	return static_cast<int>(-r);
 }
 
 cvb_platform EmuWorld::platform(FILE *out, FILE *err)
@@ -184,11 +258,12 @@ cvb_platform EmuWorld::platform(FILE *out, FILE *err)
 	cvb_platform pf{};
 	pf.tp = transport_->get();
 	pf.control_path = CV_DEVICE_PATH;
-	pf.resolve = resolve;
+	pf.resolve = resolve_cb;
+	pf.device_size = device_size_cb;
 	pf.is_mounted = is_mounted;
-	pf.take_lock = take_lock;
-	pf.release_lock = release_lock;
-	pf.ctx = &locked_;
+	pf.take_lock = take_lock_cb;
+	pf.release_lock = release_lock_cb;
+	pf.ctx = this;
 	pf.out = out;
 	pf.err = err;
 	return pf;
@@ -217,15 +292,16 @@ void EmuWorld::writer_loop(std::uint64_t seed)
 		}
 		for (auto &x : data)
 			x = static_cast<std::byte>(r());
-		if (writable_.empty())
+		const Part &p = parts_[0];
+		if (p.writable.empty())
 			break;
-		(void)fs_->write_block(writable_[r() % writable_.size()],
-				       data);
+		(void)p.fs->write_block(p.writable[r() % p.writable.size()],
+					data);
 		if (r() % 8 == 0)
-			(void)fs_->sync();
+			(void)p.fs->sync();
 		writes_++;
 	}
-	(void)fs_->sync();
+	(void)parts_[0].fs->sync();
 }
 
 void EmuWorld::pause_writer()
@@ -256,19 +332,21 @@ void EmuWorld::stop_writer()
 		writer_.join();
 }
 
-std::vector<std::byte> EmuWorld::partition()
+std::vector<std::byte> EmuWorld::partition(int partno)
 {
-	(void)fs_->sync();
+	Part &p = part(partno);
+	(void)p.fs->sync();
 	disk_->drain();
-	std::vector<std::byte> out(std::size_t(cfg_.blocks) * cfg_.block_size);
-	disk_->read(kStart, out);
+	std::vector<std::byte> out(std::size_t(p.blocks) * p.block_size);
+	disk_->read(p.start, out);
 	return out;
 }
 
 void EmuWorld::remount()
 {
-	fs_.reset();
-	fs_ = std::make_unique<emu::FileSystem>(*disk_, 1, cfg_.block_size);
+	Part &p = parts_[0];
+	p.fs.reset();
+	p.fs = std::make_unique<emu::FileSystem>(*disk_, 1, p.block_size);
 }
 
 int EmuWorld::reload_module()
@@ -287,12 +365,15 @@ int EmuWorld::grow_partition(std::uint32_t extra)
 {
 	if (extra > cfg_.room)
 		return -ENOSPC;
-	const std::uint32_t blocks = cfg_.blocks + extra;
+	if (partitions() > 1)
+		return -EBUSY;
+	Part &p = parts_[0];
+	const std::uint32_t blocks = p.blocks + extra;
 	const emu::DosPartition p1{
 		static_cast<std::uint32_t>(kStart),
 		static_cast<std::uint32_t>(std::uint64_t(blocks) *
-					   cfg_.block_size / 512)};
-	fs_.reset();
+					   p.block_size / 512)};
+	p.fs.reset();
 	emu::write_dos_label(*disk_, {&p1, 1});
 	const int fd = process_->open("/dev/sda");
 	long r = fd;
@@ -301,14 +382,16 @@ int EmuWorld::grow_partition(std::uint32_t extra)
 		(void)process_->close(fd);
 	}
 	if (r == 0) {
+		p.blocks = blocks;
+		p.sectors = std::uint64_t(blocks) * p.block_size / 512;
 		cfg_.blocks = blocks;
 		cfg_.room -= extra;
-		allocated_.resize(blocks, !cfg_.ext2);
+		p.allocated.resize(blocks, !cfg_.ext2);
 		if (!cfg_.ext2)
 			for (std::uint32_t b = blocks - extra; b < blocks; b++)
-				writable_.push_back(b);
+				p.writable.push_back(b);
 	}
-	fs_ = std::make_unique<emu::FileSystem>(*disk_, 1, cfg_.block_size);
+	p.fs = std::make_unique<emu::FileSystem>(*disk_, 1, p.block_size);
 	return static_cast<int>(r);
 }
 
