@@ -1,7 +1,8 @@
 // A running backup against writes that race its frozen instant and
 // against callers built to break it: a write caught between its recording
-// and its copy decision, a write still in the disk's queue at the instant,
-// READ_BLOCKS whose size wraps 32 bits, READ_BLOCKS while the backup
+// and its copy decision, a write still in the disk's queue at the instant
+// (on a disk that drains for barriers and on one that cannot), a write
+// sent before the queue was hooked, READ_BLOCKS whose size wraps 32 bits, READ_BLOCKS while the backup
 // fails or loses its interception, a third opener while the first backup's
 // thread still runs, and module unload with a queue no session holds.
 #include "test_backup_util.hpp"

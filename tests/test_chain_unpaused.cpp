@@ -144,11 +144,6 @@ private:
 	std::vector<std::vector<Write>> writes_;
 };
 
-bool bit(const std::vector<std::uint8_t> &map, std::uint32_t n)
-{
-	return map[n / 8] & (1u << (n % 8));
-}
-
 std::string run_chain(std::uint64_t seed)
 {
 	std::mt19937_64 rng(seed);
@@ -340,31 +335,19 @@ std::string run_chain(std::uint64_t seed)
 				err << "mmap";
 				break;
 			}
-			std::vector<std::byte> got;
-			for (std::uint32_t at = 0;
-			     at < blocks && err.str().empty();) {
-				if (!bit(map, at)) {
-					at++;
-					continue;
-				}
-				std::uint32_t n = 1 + static_cast<std::uint32_t>(
-							      rng() % per_map);
-				std::uint32_t run = 1;
-				while (at + run < blocks && run < n &&
-				       bit(map, at + run))
-					run++;
-				auto r = dev.read_blocks(at, run, m.address());
-				got.resize(std::size_t(run) * bs);
-				if (r != corvalin::Result::Ok ||
-				    m.read(0, got) != corvalin::Result::Ok) {
-					err << "backup " << k << ": READ_BLOCKS "
-					    << at << "+" << run << ": "
-					    << corvalin::to_int(r);
-					break;
-				}
-				std::memcpy(image.data() + std::size_t(at) * bs,
-					    got.data(), got.size());
-				at += run;
+			// Runs of random length, as a program's buffer and
+			// the map allow.
+			unsigned long read = 0;
+			const std::string e = pit::read_map_into(
+				dev, m, map, blocks, bs, image,
+				[&] {
+					return 1 + static_cast<std::uint32_t>(
+						       rng() % per_map);
+				},
+				&read);
+			if (!e.empty()) {
+				err << "backup " << k << ": " << e;
+				break;
 			}
 			m = corvalin::Mapping();
 			dev.close();

@@ -60,10 +60,7 @@ private:
 	std::vector<bool> set_;
 };
 
-bool bit(const std::vector<std::uint8_t> &map, std::uint32_t n)
-{
-	return map[n / 8] & (1u << (n % 8));
-}
+using pit::bit;
 
 // Counts of a seed, for CORVALIN_CHAIN_STATS.
 struct ChainStats {
@@ -238,30 +235,12 @@ std::string run_chain(std::uint64_t seed, ChainStats &st)
 				    m) != corvalin::Result::Ok) {
 				err << "mmap";
 			}
-			std::vector<std::byte> got;
-			for (std::uint32_t at = 0;
-			     at < blocks && err.str().empty();) {
-				if (!bit(map, at)) {
-					at++;
-					continue;
-				}
-				std::uint32_t n = 1;
-				while (at + n < blocks && n < per_map &&
-				       bit(map, at + n))
-					n++;
-				auto r = dev.read_blocks(at, n, m.address());
-				got.resize(std::size_t(n) * bs);
-				if (r != corvalin::Result::Ok ||
-				    m.read(0, got) != corvalin::Result::Ok) {
-					err << "backup " << k << ": READ_BLOCKS "
-					    << at << "+" << n << ": "
-					    << corvalin::to_int(r);
-					break;
-				}
-				std::memcpy(image.data() + std::size_t(at) * bs,
-					    got.data(), got.size());
-				st.read += n;
-				at += n;
+			if (err.str().empty()) {
+				const std::string e = pit::read_map_into(
+					dev, m, map, blocks, bs, image,
+					[&] { return per_map; }, &st.read);
+				if (!e.empty())
+					err << "backup " << k << ": " << e;
 			}
 			if (under_writers)
 				stop_writers();

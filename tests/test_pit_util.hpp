@@ -8,12 +8,14 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "corvalin.hpp"
 #include "emu/block.hpp"
 #include "test_driver_util.hpp"
 
@@ -157,6 +159,48 @@ inline std::vector<std::uint64_t> seeds_for(std::uint64_t first, unsigned count)
 	for (unsigned i = 0; i < count; i++)
 		v.push_back(first + i);
 	return v;
+}
+
+// Whether block n is set in a bitmap of the driver's layout.
+inline bool bit(const std::vector<std::uint8_t> &map, std::uint32_t n)
+{
+	return map[n / 8] & (1u << (n % 8));
+}
+
+// Reads the blocks `map` names (of `blocks` blocks of bs bytes) through
+// READ_BLOCKS and the mapping m into their places in image, in runs of
+// consecutive blocks of at most run_limit() each.  Adds the blocks read to
+// *read.  Returns "" or what went wrong.
+template <typename Limit>
+std::string read_map_into(corvalin::Device &dev, corvalin::Mapping &m,
+			  const std::vector<std::uint8_t> &map,
+			  std::uint32_t blocks, unsigned bs,
+			  std::vector<std::byte> &image, Limit run_limit,
+			  unsigned long *read)
+{
+	std::vector<std::byte> got;
+	for (std::uint32_t at = 0; at < blocks;) {
+		if (!bit(map, at)) {
+			at++;
+			continue;
+		}
+		const std::uint32_t limit = run_limit();
+		std::uint32_t n = 1;
+		while (at + n < blocks && n < limit && bit(map, at + n))
+			n++;
+		const corvalin::Result r = dev.read_blocks(at, n, m.address());
+		got.resize(std::size_t(n) * bs);
+		if (r != corvalin::Result::Ok ||
+		    m.read(0, got) != corvalin::Result::Ok)
+			return "READ_BLOCKS " + std::to_string(at) + "+" +
+			       std::to_string(n) + ": " +
+			       std::to_string(corvalin::to_int(r));
+		std::memcpy(image.data() + std::size_t(at) * bs, got.data(),
+			    got.size());
+		*read += n;
+		at += n;
+	}
+	return "";
 }
 
 // Runs one(seed) for the seeds of a case; the first that returns what
