@@ -297,6 +297,7 @@ void errorAMSDEV(dev_t kdev)
 void errorAMS(Backup *b)
 {
 	AutoMapSession **slot = amSlot(b->diskInfo.kdev);
+	unsigned long flags;
 	int found = 0;
 	int count;
 
@@ -313,7 +314,16 @@ void errorAMS(Backup *b)
 			return;
 		errorAMSDEV(b->diskInfo.kdev);
 	}
+	/*
+	 * unsetQueueMRFAMS returns with interrupts off.  On the close path
+	 * that is how it has always been; here the caller is a writer in
+	 * its make_request function or kbackupd between two blocks, both
+	 * with interrupts on and about to sleep, so they get back the
+	 * interrupt state they came with.
+	 */
+	local_save_flags(flags);
 	unsetQueueMRFAMS(getRequestQueue(&b->diskInfo));
+	local_irq_restore(flags);
 }
 
 /*

@@ -200,7 +200,7 @@ int setMRF(Backup *b, make_request_fn *newMRF)
  * thread) to the backup device's real make_request function, bypassing
  * any hook.  A non-zero answer asks for resubmission, as
  * generic_make_request's own loop does for a remapped request.  Always
- * returns 0; without a queue the request is dropped with a message.
+ * returns 0; without a queue the request is ended with -EIO and a message.
  * Called by the cache thread and the block reader with none of the
  * driver's spin locks held.
  */
@@ -214,6 +214,17 @@ int callRealMRF(Backup *b, struct bio *bio)
 		       "MAJOR=%d MINOR=%d\n", "callRealMRF",
 		       (int)MAJOR(b->diskInfo.kdev),
 		       (int)MINOR(b->diskInfo.kdev));
+		/*
+		 * The request is not passed on, but it is ended: whoever
+		 * waits on it (READ_BLOCKS holding bSem, kbackupd holding
+		 * cacheUsers, the writer of a held write) would otherwise
+		 * sleep for ever, and a write dropped without an answer is
+		 * a write the file system believes done.  This happens once
+		 * the last opener of the partition is gone (an unmount
+		 * during a backup): 2.6.27's __blkdev_put then clears
+		 * bd_disk on the block device the backup keeps.
+		 */
+		bio_endio(bio, -EIO);
 		return 0;
 	}
 	if (b->diskInfo.realMRF(q, bio))

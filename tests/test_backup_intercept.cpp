@@ -234,9 +234,8 @@ TEST_F(Intercept, NoMemoryOnADiskWithoutOtherSessionsTakesTheHookAway)
 		auto f = emu::FailScope::nth(emu::Alloc::Kmalloc, 2);
 		bt::RawIo io;
 		submit(io, 1, 4096, 4, 1, 0x44);
-		// unsetQueueMRFAMS returns with interrupts off (kept); the
-		// disk's request function then takes and drops the queue lock
-		// with spin_lock_irq, which turns them on again, silently.
+		// errorAMS gives the writer back the interrupt state it came
+		// with, whatever unsetQueueMRFAMS left.
 		EXPECT_FALSE(irqs_disabled());
 		EXPECT_TRUE(io.endings.wait(1)[0].uptodate);
 	}

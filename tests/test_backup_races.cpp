@@ -431,6 +431,35 @@ TEST_F(BackupRaces, ThirdOpenerCannotStartASecondCopyThread)
 	emu::log_clear();
 }
 
+// The partition is unmounted while its backup runs: its last opener goes,
+// and the block device the backup keeps loses its disk.  The backup's own
+// disk reads then have no queue to go to; they end in error with the
+// driver's message, READ_BLOCKS answers a read error and the close does
+// not wait for a read that never comes.
+TEST_F(BackupRaces, UnmountDuringTheBackupFailsItsReadsInsteadOfHanging)
+{
+	ASSERT_EQ(start(), 0);
+	hook();
+	const emu::uaddr buf = map_on(fd_, 4);
+	EXPECT_EQ(read_blocks_on(fd_, 5, 1, buf), 0);
+	fs1_.reset();
+	emu::log_clear();
+	EXPECT_EQ(read_blocks_on(fd_, 6, 2, buf), 12);
+	const std::vector<std::string> log = emu::log_strings();
+	ASSERT_FALSE(log.empty());
+	EXPECT_EQ(log[0], "<3>callRealMRF: Block read error: (bdev queue is "
+			  "null) MAJOR=8 MINOR=1");
+	// A failed read of the image leaves the backup where it was.
+	EXPECT_EQ(b_->state, (u32)BU_STATE_SNAPSHOT);
+	EXPECT_EQ(proc->munmap(buf, 4 * 4096), 0);
+	emu::log_clear();
+	EXPECT_EQ(proc->close(fd_), 0);
+	fd_ = -1;
+	EXPECT_TRUE(logged("<6>closeBackup: backup finished device major=8 "
+			   "minor=1"));
+	emu::log_clear();
+}
+
 // A queue can stay hooked with no session on it: a backup of an
 // untracked partition closed while other partitions of the disk were
 // tracked keeps change tracking on the queue, and the tracking then ends.

@@ -215,4 +215,33 @@ TEST_F(CacheThreadSmall, CacheLimitReachedMovesToTenAndStopsCopying)
 	close_expecting();
 }
 
+// Alone on its disk, a backup that fails in the middle of a write gives
+// the queue back to the disk from kbackupd; the thread then goes on to
+// the write's next blocks, which sleep (kmap of the cache map).  It must
+// do so with interrupts on: no kernel warning.
+TEST_F(CacheThreadSmall, CacheLimitInsideAWriteAloneOnTheDiskLeavesInterruptsOn)
+{
+	AutoMapSession *other = session(2);
+	{
+		unsigned long flags;
+		waitForAMListUsers(&flags);
+		amList[kMajor][2] = nullptr;
+		spin_unlock_irqrestore(&amListUsersLock, flags);
+	}
+	closeAM(other);
+	emu::log_clear();
+	EXPECT_TRUE(write_blocks(1, 4096, 5, 4, 0x55));
+	wait_idle();
+	ExpectLog({"<3>getCacheBlock: configured max cache memory reached (1 "
+		   "blocks) failed to allocate cache object",
+		   "<3>cacheBlock: Error caching blockNum=6 MAJOR=8 MINOR=1"});
+	EXPECT_EQ(b_->state, (u32)BU_STATE_CACHE_ERROR);
+	EXPECT_EQ(q_->make_request_fn, real_);
+	EXPECT_EQ(session(1)->state, (u32)AM_STATE_NOT_IN_SYNC);
+	for (std::uint32_t n = 5; n < 9; n++)
+		EXPECT_EQ(disk_block(n), bt::filled(4096, 0x55 + (n - 5)))
+			<< n;
+	close_expecting();
+}
+
 }  // namespace

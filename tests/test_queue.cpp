@@ -347,7 +347,9 @@ TEST_F(CallReal, TheDisksOwnFunctionCompletesTheRequest)
 	free_read(bio);
 }
 
-TEST_F(CallReal, NoQueueDropsTheRequestWithAMessage)
+// Nothing to pass the request to: it ends in error, so that its waiter
+// does not wait for ever.
+TEST_F(CallReal, NoQueueEndsTheRequestInErrorWithAMessage)
 {
 	seen.calls = 0;
 	b1_.diskInfo.realMRF = fakeReal;
@@ -355,6 +357,8 @@ TEST_F(CallReal, NoQueueDropsTheRequestWithAMessage)
 	bio->bi_bdev = disk_->bdev(3);  // not open: no disk, no queue
 	EXPECT_EQ(callRealMRF(&b1_, bio), 0);
 	EXPECT_EQ(seen.calls.load(), 0);
+	wait_for_completion(&done_.event);
+	EXPECT_EQ(done_.error, -EIO);
 	ExpectLog({"<3>callRealMRF: Block read error: (bdev queue is null) "
 		    "MAJOR=8 MINOR=1"});
 	free_read(bio);

@@ -5,7 +5,8 @@
  * its own (on a real CPU it is the processor's; a task with interrupts off
  * cannot be preempted, so the two agree).  local_irq_save() returns the
  * state as x86's EFLAGS would (X86_EFLAGS_IF set when interrupts were
- * enabled) and disables; local_irq_restore() puts the saved state back.
+ * enabled) and disables; local_save_flags() only reads it;
+ * local_irq_restore() puts the saved state back.
  * Nothing is masked for real (completions arrive from other threads); the
  * state feeds the context checks: sleeping with interrupts disabled is
  * fatal, and the lock validator records in which interrupt state each
@@ -40,6 +41,12 @@ EMU_END_DECLS
 	do {						\
 		typecheck(unsigned long, flags);	\
 		emu_local_irq_restore((flags), EMU_SITE); \
+	} while (0)
+/* Reads the state without changing it and opens no region. */
+#define local_save_flags(flags)				\
+	do {						\
+		typecheck(unsigned long, flags);	\
+		(flags) = emu_irqs_disabled() ? 0 : X86_EFLAGS_IF; \
 	} while (0)
 #define local_irq_disable()	emu_local_irq_disable()
 #define local_irq_enable()	emu_local_irq_enable(EMU_SITE)
