@@ -9,12 +9,14 @@
 #   make vmtest     boot a real 2.6.27 kernel in QEMU and test the real module
 #   make bench      benchmarks (plain optimised build)
 #   make vmbench    the backup benchmarks on a real 2.6.27 kernel in QEMU
+#   make fuzz       the command-sequence fuzzer (libFuzzer, clang, ASan+UBSan)
+#                   for FUZZ_SECONDS (600); make fuzz-regress runs its corpus
 
 BUILD    ?= build
 JOBS     ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo -G Ninja)
 
-.PHONY: all deps test tsan demo module vmtest bench vmbench clean
+.PHONY: all deps test tsan demo module vmtest bench vmbench fuzz fuzz-build fuzz-regress clean
 
 all: $(BUILD)/asan/CMakeCache.txt
 	cmake --build $(BUILD)/asan -j $(JOBS)
@@ -72,6 +74,44 @@ bench: $(BUILD)/plain/CMakeCache.txt
 vmbench:
 	@scripts/install-deps.sh vm
 	CORVALIN_BUILD=$(abspath $(BUILD)) vm/vmbench.sh
+
+# The command-sequence fuzzer (fuzz/, docs/TESTING.md): libFuzzer over the
+# driver in the emulated kernel, built by clang with ASan and UBSan in
+# $(BUILD)/fuzz.  make fuzz runs for FUZZ_SECONDS from the committed seeds
+# and what earlier runs kept ($(BUILD)/fuzz/corpus), going on after a
+# finding (FUZZ_FORK=1; 0 stops at the first); findings are written to
+# $(BUILD)/fuzz/artifacts/ and make the target fail.  FUZZ_FLAGS adds
+# libFuzzer flags.  make fuzz-regress runs every committed input once.
+FUZZ_SECONDS ?= 600
+FUZZ_FORK    ?= 1
+FUZZ_FLAGS   ?=
+FUZZ_BIN     := $(BUILD)/fuzz/fuzz/fuzz_commands
+FUZZ_OPTS    := -detect_leaks=0 -max_len=482 -timeout=60 -rss_limit_mb=4096
+
+$(BUILD)/fuzz/CMakeCache.txt:
+	@scripts/install-deps.sh fuzz
+	cmake -S . -B $(BUILD)/fuzz $(CMAKE_GEN) -DCMAKE_C_COMPILER=clang \
+	  -DCMAKE_CXX_COMPILER=clang++ -DCORVALIN_FUZZ=ON
+
+fuzz-build: $(BUILD)/fuzz/CMakeCache.txt
+	cmake --build $(BUILD)/fuzz -j $(JOBS) --target fuzz_commands
+
+fuzz-regress: fuzz-build
+	$(FUZZ_BIN) $(FUZZ_OPTS) fuzz/corpus/*
+	@echo "fuzz-regress: $$(ls fuzz/corpus | wc -l) passed, 0 failed"
+
+fuzz: fuzz-build
+	@mkdir -p $(BUILD)/fuzz/corpus $(BUILD)/fuzz/artifacts
+	@touch $(BUILD)/fuzz/artifacts/.start
+	$(FUZZ_BIN) $(FUZZ_OPTS) -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	  $(if $(filter 1,$(FUZZ_FORK)),-fork=1 -ignore_crashes=1 -ignore_timeouts=1 -ignore_ooms=1) \
+	  -artifact_prefix=$(abspath $(BUILD)/fuzz/artifacts)/ $(FUZZ_FLAGS) \
+	  $(BUILD)/fuzz/corpus fuzz/corpus
+	@new=$$(find $(BUILD)/fuzz/artifacts -type f ! -name .start -newer $(BUILD)/fuzz/artifacts/.start); \
+	if [ -n "$$new" ]; then \
+	  echo "make fuzz: findings (replay one with: CORVALIN_FUZZ_TRACE=1 $(FUZZ_BIN) FILE):"; \
+	  echo "$$new" | sed 's/^/  /'; exit 1; \
+	else echo "make fuzz: no finding"; fi
 
 clean:
 	rm -rf $(BUILD)

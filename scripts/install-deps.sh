@@ -6,6 +6,8 @@
 #                                  and the target's toolchain (i386, musl)
 #                                  for the test of the target's program
 #   scripts/install-deps.sh vm     + QEMU and what builds 2.6.27
+#   scripts/install-deps.sh fuzz   + clang and its libFuzzer and sanitizer
+#                                  runtimes (make fuzz)
 set -euo pipefail
 
 want=${1:-host}
@@ -13,6 +15,7 @@ want=${1:-host}
 host_pkgs=(cmake ninja-build g++ gcc make libgtest-dev libgmock-dev googletest
            libbenchmark-dev e2fsprogs gcc-12-multilib musl-dev:i386)
 vm_pkgs=(qemu-system-x86 xz-utils perl patch kmod)
+fuzz_pkgs=(clang libclang-rt-dev)
 
 missing() {
 	local p out=()
@@ -30,6 +33,9 @@ as_root() {
 pkgs=("${host_pkgs[@]}")
 if [ "$want" = vm ]; then
 	pkgs+=("${vm_pkgs[@]}")
+fi
+if [ "$want" = fuzz ]; then
+	pkgs+=("${fuzz_pkgs[@]}")
 fi
 if ! dpkg --print-foreign-architectures | grep -qx i386; then
 	as_root dpkg --add-architecture i386
