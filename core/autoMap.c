@@ -81,6 +81,26 @@ void waitForAMSWrites(AutoMapSession *ams, unsigned long *flags)
 }
 
 /*
+ * As waitForAMSWrites, for a caller that is itself a shared user of ams
+ * (its one entry keeps the session from being closed and freed under it):
+ * returns holding ams->usersLock with no other shared user inside and no
+ * counted write in flight.  The caller still leaves with exitAMSUsers,
+ * after releasing the lock.  Polls, with no time limit.  Process context.
+ */
+void waitForAMSWritesAsUser(AutoMapSession *ams, unsigned long *flags)
+{
+	for (;;) {
+		spin_lock_irqsave(&ams->usersLock, *flags);
+		/* The resting count, and our own entry. */
+		if (atomic_read(&ams->users) == 2 &&
+		    !atomic_read(&ams->inFlight))
+			return;
+		spin_unlock_irqrestore(&ams->usersLock, *flags);
+		schedule();
+	}
+}
+
+/*
  * Look up kdev's session for use: returns it with a shared entry on its
  * users taken (the caller calls exitAMSUsers), or NULL.  Does not sleep.
  */

@@ -123,6 +123,7 @@ void enterAMSUsers(AutoMapSession *ams);
 void exitAMSUsers(AutoMapSession *ams);
 void waitForAMSUsers(AutoMapSession *ams, unsigned long *flags);
 void waitForAMSWrites(AutoMapSession *ams, unsigned long *flags);
+void waitForAMSWritesAsUser(AutoMapSession *ams, unsigned long *flags);
 AutoMapSession *getAMS(dev_t kdev);
 int newAMS(Backup *b, AutoMapSession **amSession);
 int closeAMS(Backup *b);

@@ -186,7 +186,7 @@ int ioctlSnapShot(Backup *b, void __user *userKey, u32 keyLen)
 				       "ioctlSnapShot", "\n");
 				goto out;
 			}
-			enterAMSUsers(ams);
+			ams = getAMS(kdev);
 		}
 	} else {
 		enterAMSUsers(ams);
@@ -200,7 +200,7 @@ int ioctlSnapShot(Backup *b, void __user *userKey, u32 keyLen)
 			result = recreateAMS(b, &ams);
 			if (result)
 				goto out;
-			enterAMSUsers(ams);
+			ams = getAMS(kdev);
 		} else if (memcmp(ams->sessionKey.key, key.key,
 				  KIV_AMS_KEY_LEN)) {
 			/*
@@ -229,7 +229,7 @@ int ioctlSnapShot(Backup *b, void __user *userKey, u32 keyLen)
 			result = recreateAMS(b, &ams);
 			if (result)
 				goto out;
-			enterAMSUsers(ams);
+			ams = getAMS(kdev);
 		} else {
 			/* Hand-over: the backup gets an all-clear map now. */
 			result = newBlockMap(&b->blockMap, ams->map.size, NULL,
@@ -246,12 +246,20 @@ int ioctlSnapShot(Backup *b, void __user *userKey, u32 keyLen)
 		}
 	}
 
-	/* Every snapshot gives the session a fresh key. */
+	/*
+	 * Every snapshot gives the session a fresh key.  The shared entry
+	 * taken on the session is kept until after the frozen instant: the
+	 * UNLOAD command of another file closes and frees every session, and
+	 * closeAM waits for the session's users to leave, so the entry keeps
+	 * the session alive across the hook, the drain and the freeze, all
+	 * of which sleep.  (A new session is looked up again after it was
+	 * made, with getAMS, for the same reason: NULL means it was closed
+	 * already, and the backup then runs untracked.)
+	 */
 	if (ams) {
 		memset(ams->sessionKey.key, 0xFF, KIV_AMS_KEY_LEN);
 		for (i = 0; i < KIV_AMS_KEY_LEN; i++)
 			get_random_bytes(&ams->sessionKey.key[i], 1);
-		exitAMSUsers(ams);
 	}
 
 	if (setMRF(b, kivMRF)) {
@@ -260,7 +268,7 @@ int ioctlSnapShot(Backup *b, void __user *userKey, u32 keyLen)
 		if (builtMap)
 			dropHandOverMap(b);
 		result = 2;
-		goto out;
+		goto outAMS;
 	}
 
 	bdev = b->diskInfo.bdev;
@@ -294,7 +302,7 @@ int ioctlSnapShot(Backup *b, void __user *userKey, u32 keyLen)
 		if (builtMap)
 			dropHandOverMap(b);
 		result = 2;
-		goto out;
+		goto outAMS;
 	}
 
 	/*
@@ -307,7 +315,7 @@ int ioctlSnapShot(Backup *b, void __user *userKey, u32 keyLen)
 	 */
 	down_write(&b->writers);
 	if (ams) {
-		waitForAMSWrites(ams, &flags);
+		waitForAMSWritesAsUser(ams, &flags);
 		if (ams->state == AM_STATE_IN_SYNC) {
 			waitForBlockMapUsers(&b->blockMap, &bmFlags);
 			waitForBlockMapUsersNested(&ams->map, &amFlags);
@@ -337,6 +345,10 @@ int ioctlSnapShot(Backup *b, void __user *userKey, u32 keyLen)
 	/* Frozen time counts from before the freeze call. */
 	b->eTimeToFreeze = calcTimeDiff(&freezeTime, &afterFreezeTime);
 	b->eTimeFrozen = calcTimeDiff(&freezeTime, &thawTime);
+outAMS:
+	/* From here on the session may be closed and freed at any time. */
+	if (ams)
+		exitAMSUsers(ams);
 out:
 	up(&b->bSem);
 	return result;

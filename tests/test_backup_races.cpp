@@ -460,6 +460,62 @@ TEST_F(BackupRaces, UnmountDuringTheBackupFailsItsReadsInsteadOfHanging)
 	emu::log_clear();
 }
 
+// Another file's UNLOAD closes and frees every session.  A SNAPSHOT that
+// has renewed its session's key and is on its way to the frozen instant
+// (here: held at the instant by a reader of the backup's writers) keeps
+// that session alive: the UNLOAD waits until the instant is past, then
+// closes it.
+TEST_F(BackupRaces, UnloadDuringASnapshotWaitsForItsFrozenInstant)
+{
+	ASSERT_EQ(start(), 0);
+	AutoMapSession *const s1 = session(1);
+	std::atomic<int> phase{0};
+	std::thread holder([&] {
+		proc->run_as([&] {
+			down_read(&b_->writers);
+			phase = 1;
+			while (phase != 2)
+				sched_yield();
+			up_read(&b_->writers);
+		});
+	});
+	while (phase != 1)
+		std::this_thread::yield();
+
+	std::atomic<bool> snapped{false};
+	long snap = -1;
+	std::thread snapper([&] {
+		snap = snapshot_on(fd_, s1);
+		snapped = true;
+	});
+	while (!waiters_on(&b_->writers))
+		std::this_thread::yield();
+
+	const int other = open_device();
+	ASSERT_GE(other, 0);
+	std::atomic<bool> unloaded{false};
+	long unload = -1;
+	std::thread unloader([&] {
+		unload = proc->ioctl(other, KIV_IOC_UNLOAD, 0);
+		unloaded = true;
+	});
+	settle(unloaded);
+	EXPECT_FALSE(unloaded) << "UNLOAD closed a session a SNAPSHOT holds";
+	EXPECT_FALSE(snapped);
+
+	phase = 2;
+	holder.join();
+	snapper.join();
+	unloader.join();
+	EXPECT_EQ(snap, 0);
+	EXPECT_EQ(unload, 0);
+	EXPECT_EQ(b_->state, static_cast<u32>(BU_STATE_SNAPSHOT));
+	EXPECT_EQ(session(1), nullptr);
+	EXPECT_EQ(session(2), nullptr);
+	EXPECT_EQ(proc->close(other), 0);
+	emu::log_clear();
+}
+
 // A queue can stay hooked with no session on it: a backup of an
 // untracked partition closed while other partitions of the disk were
 // tracked keeps change tracking on the queue, and the tracking then ends.
