@@ -105,7 +105,7 @@ int Runner::pick_slot(std::uint8_t sel, int lane)
 	// No file open: the fuzzing thread opens one, as a program would.
 	if (lane != 0 || !w_.loaded)
 		return -1;
-	int fd = w_.open_slot(want, (sel >> 4) & 1, false);
+	int fd = w_.open_slot(want, (sel >> 4) & 1, armed_);
 	trace("  (opened slot " + std::to_string(want) + ": fd " +
 	      std::to_string(fd) + ")");
 	return fd >= 0 ? want : -1;

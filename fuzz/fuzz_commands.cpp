@@ -303,6 +303,8 @@ void Runner::module(const Op &op)
 
 void Runner::exec(const Op &op, int lane, bool fault_armed)
 {
+	if (lane == 0)
+		armed_ = fault_armed;
 	if (op.is_ioctl()) {
 		ioctl(op, lane, fault_armed);
 		return;

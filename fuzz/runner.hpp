@@ -260,6 +260,9 @@ private:
 	void pit(const Op &op);
 
 	World &w_;
+	// An allocation failure is armed for the fuzzing thread's current
+	// operation: an open that operation makes may fail with it.
+	bool armed_ = false;
 };
 
 // The results the driver defines for a command, and those known exactly.
