@@ -9,6 +9,7 @@
 #   make vmtest     boot a real 2.6.27 kernel in QEMU and test the real module
 #   make bench      benchmarks (plain optimised build)
 #   make vmbench    the backup benchmarks on a real 2.6.27 kernel in QEMU
+#   make vmbootloop boot that kernel BOOTS (50) times: every boot must speak
 #   make fuzz       the command-sequence fuzzer (libFuzzer, clang, ASan+UBSan)
 #                   for FUZZ_SECONDS (600); make fuzz-regress runs its corpus
 
@@ -16,7 +17,7 @@ BUILD    ?= build
 JOBS     ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo -G Ninja)
 
-.PHONY: all deps test tsan demo module vmtest bench vmbench fuzz fuzz-build fuzz-regress clean
+.PHONY: all deps test tsan demo module vmtest bench vmbench vmbootloop fuzz fuzz-build fuzz-regress clean
 
 all: $(BUILD)/asan/CMakeCache.txt
 	cmake --build $(BUILD)/asan -j $(JOBS)
@@ -74,6 +75,13 @@ bench: $(BUILD)/plain/CMakeCache.txt
 vmbench:
 	@scripts/install-deps.sh vm
 	CORVALIN_BUILD=$(abspath $(BUILD)) vm/vmbench.sh
+
+# Boots the boot test's kernel BOOTS times (50), each until /init's first
+# line: fails if any boot stays silent.
+BOOTS ?= 50
+vmbootloop:
+	@scripts/install-deps.sh vm
+	CORVALIN_BUILD=$(abspath $(BUILD)) vm/bootloop.sh $(BOOTS)
 
 # The command-sequence fuzzer (fuzz/, docs/TESTING.md): libFuzzer over the
 # driver in the emulated kernel, built by clang with ASan and UBSan in

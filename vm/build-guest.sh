@@ -5,7 +5,7 @@
 #
 #   vm/build-guest.sh          the boot test's /init -> $VM_OUT/guest/init:
 #                              vm/guest/init.c, its backups (backup.c,
-#                              chain.c) and the boot scenario
+#                              chain.c, program.c, race.c) and the boot scenario
 #                              (vm/scenario/scenario.c)
 #   vm/build-guest.sh bench    the benchmark's /init -> $VM_OUT/bench/init:
 #                              vm/bench/vmbench.c
@@ -27,7 +27,8 @@ case $what in
 test)
 	out=$VM_OUT/guest
 	main=("$VM_DIR/guest/platform.c" "$VM_DIR/guest/init.c" "$VM_DIR/guest/backup.c"
-	      "$VM_DIR/guest/chain.c" "$VM_DIR/guest/program.c" "$VM_DIR/scenario/scenario.c") ;;
+	      "$VM_DIR/guest/chain.c" "$VM_DIR/guest/program.c" "$VM_DIR/guest/race.c"
+	      "$VM_DIR/scenario/scenario.c") ;;
 bench)
 	out=$VM_OUT/bench
 	main=("$VM_DIR/guest/platform.c" "$VM_DIR/bench/vmbench.c") ;;

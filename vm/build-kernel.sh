@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Prepare a Linux 2.6.27 tree for the boot test and for out-of-tree builds
 # of corvalin.ko: unpack, apply vm/patches, configure from vm/kernel.config,
-# build bzImage, vmlinux and Module.symvers.
+# build bzImage, vmlinux, Module.symvers and the kernel's one module,
+# ahci.ko (the boot test's fifth disk).
 #
 #   vm/build-kernel.sh                 the tarball of /work/shared
 #   KSRC=/path/linux-2.6.27.tar.xz vm/build-kernel.sh
@@ -42,7 +43,8 @@ key=$( {
 } | sha256sum | cut -d' ' -f1)
 
 if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$key" ] &&
-   [ -f "$kdir/arch/x86/boot/bzImage" ] && [ -f "$kdir/Module.symvers" ]; then
+   [ -f "$kdir/arch/x86/boot/bzImage" ] && [ -f "$kdir/Module.symvers" ] &&
+   [ -f "$kdir/drivers/ata/ahci.ko" ]; then
 	vm_log "kernel tree $kdir is up to date"
 	exit 0
 fi
@@ -93,6 +95,8 @@ if ! make -C "$kdir" -j"$VM_JOBS" "${KMAKE_ARGS[@]}" all > "$log" 2>&1; then
 fi
 [ -f "$kdir/arch/x86/boot/bzImage" ] || vm_die "no bzImage after the build"
 [ -f "$kdir/Module.symvers" ] || vm_die "no Module.symvers after the build"
+# The fifth disk's controller driver, a module the boot test's guest loads.
+[ -f "$kdir/drivers/ata/ahci.ko" ] || vm_die "no drivers/ata/ahci.ko after the build"
 
 echo "$key" > "$stamp"
 vm_log "kernel ready: $kdir/arch/x86/boot/bzImage ($(grep -c 'warning:' "$log") kernel warnings in $log)"

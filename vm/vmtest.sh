@@ -9,14 +9,15 @@
 #    program /bin/corvalin (vm/build-guest.sh),
 #    an initramfs (vm/mkinitramfs.pl), the scenario's disk sda
 #    (vm/mkdisk.sh) and the guest's other disks (vm/guest/disks.h: sdb
-#    for the backup images, sdc for restores, sdd an ext2 repository).
+#    for the backup images, sdc for restores, sdd an ext2 repository, sde
+#    the unpaused writer's partition and its chain's images).
 # 2. Boots qemu-system-i386 with software emulation (TCG; never KVM), two
 #    CPUs, 256 MiB, under a hard time limit, and keeps the serial console
 #    (vm_boot of vm/common.sh).
 # 3. Fails on any oops, BUG, warning trace or panic in the console (but
 #    the one warning the driver is allowed, see allowed_warning), when the
 #    guest did not finish, or when the scenario or the guest's backups
-#    (vm/guest/backup.c, chain.c) reported a failure.
+#    (vm/guest/backup.c, chain.c, race.c) reported a failure.
 # 4. Runs the same scenario in the emulated kernel (tests/test_scenario.cpp,
 #    built with CMake) and compares the two transcripts line by line: every
 #    result and every kernel log line of the module must be identical.
@@ -24,7 +25,10 @@
 #    systems clean, and the file the guest wrote on each is there; the
 #    guest's backup images on the second disk (sdb) are clean file systems
 #    whose files hold what they held at the frozen instant
-#    (vm/check-image.c).
+#    (vm/check-image.c); each image of the chain taken on sde under a
+#    writer that never paused is exactly the partition after one of the
+#    writer's writes (vm/check-stamps.c), and check-stamps finds a block
+#    set back by hand in a copy.
 # 6. Checks the check: boots once more with corvalin.selftest=lockdep, where
 #    the guest loads lockbug.ko (a lock order inversion on purpose), and
 #    expects step 3's verdict to find the validator's report.
@@ -54,10 +58,13 @@ disk=$VM_OUT/disk.img
 sdb=$VM_OUT/sdb.img
 sdc=$VM_OUT/sdc.img
 sdd=$VM_OUT/sdd.img
+sde=$VM_OUT/sde.img
+sde1_orig=$VM_OUT/sde1.orig
 initramfs=$VM_OUT/initramfs.cpio
 VM_INITRAMFS=$initramfs
 disks_h=$VM_DIR/guest/disks.h
 check_image=$VM_OUT/check-image
+check_stamps=$VM_OUT/check-stamps
 
 fail() {
 	vm_log "FAILED: $*"
@@ -114,10 +121,10 @@ allowed_warning() {
 	END { flush(); print dropped + 0 > count }' "$1"
 }
 
-# Boot the guest with its four disks: console to $1, extra kernel
+# Boot the guest with its five disks: console to $1, extra kernel
 # arguments $2.
 boot() {
-	vm_boot "$1" "${2:-}" "$disk" "$sdb" "$sdc" "$sdd"
+	vm_boot "$1" "${2:-}" "$disk" "$sdb" "$sdc" "$sdd" "$sde"
 }
 
 # ---- 1. build -----------------------------------------------------------
@@ -131,6 +138,7 @@ KDIR=$kdir "$VM_DIR/build-module.sh" lockbug
 vm_initramfs "$initramfs" "$VM_OUT/guest/init" <<EOF
 file /lib/modules/blocker.ko 0644 $VM_OUT/modules/blocker.ko
 file /lib/modules/lockbug.ko 0644 $VM_OUT/modules/lockbug.ko
+file /lib/modules/ahci.ko 0644 $kdir/drivers/ata/ahci.ko
 dir /bin 0755
 file /bin/corvalin 0755 $VM_OUT/guest/program/corvalin
 dir /tmp 01777
@@ -138,7 +146,7 @@ EOF
 "$VM_DIR/mkdisk.sh" "$disk"
 cp "$disk" "$disk.orig"		# the emulated run starts from this
 # The second disk, sdb: the guest writes its backup images there.
-rm -f "$sdb" "$sdc" "$sdd" "$sdd.fs"
+rm -f "$sdb" "$sdc" "$sdd" "$sdd.fs" "$sde" "$sde1_orig"
 truncate -s $(($(vm_define GUEST_SDB_SECTORS "$disks_h") * 512)) "$sdb"
 # The third, sdc: the restore targets, two partitions of sda2's size.
 p2_sectors=$(vm_define SCN_P2_SECTORS "$VM_DIR/scenario/scenario.h")
@@ -148,10 +156,23 @@ vm_label "$sdc" c0b7a11c \
 	"$(vm_define GUEST_SDC_P2_START "$disks_h")" "$p2_sectors"
 # The fourth, sdd: the backup program's repository, ext2 on the whole disk.
 vm_mkfs "$sdd" ext2 4096 "$(vm_define GUEST_SDD_SECTORS "$disks_h")" corvalin-repo
+# The fifth, sde: an MSDOS label, sde1 a small ext2 with 4 KiB blocks (the
+# guest mounts it read-only: the driver wants a mounted file system, and
+# only the writer's raw writes may change it), then the chain's slots.
+# sde1's first contents stay in $sde1_orig for the check.
+sde1_start=$(vm_define GUEST_SDE_P1_START "$disks_h")
+sde1_sectors=$(vm_define GUEST_SDE_P1_SECTORS "$disks_h")
+truncate -s $(($(vm_define GUEST_SDE_SECTORS "$disks_h") * 512)) "$sde"
+vm_label "$sde" c0b7a11e "$sde1_start" "$sde1_sectors"
+vm_mkfs "$sde1_orig" ext2 4096 "$sde1_sectors" corvalin-race
+dd if="$sde1_orig" of="$sde" bs=512 seek="$sde1_start" conv=notrunc status=none
 # The host's check of those images.
 gcc -std=c99 -D_DEFAULT_SOURCE -O2 -Wall -Wextra -Werror -I"$VM_DIR" \
 	"$VM_DIR/check-image.c" -o "$check_image" ||
 	fail "building vm/check-image.c"
+gcc -std=c99 -D_DEFAULT_SOURCE -O2 -Wall -Wextra -Werror -I"$VM_DIR" \
+	"$VM_DIR/check-stamps.c" -o "$check_stamps" ||
+	fail "building vm/check-stamps.c"
 
 # ---- 2. boot --------------------------------------------------------------
 boot "$console"
@@ -177,6 +198,9 @@ if grep -n '  FAIL ' "$vm_transcript" >&2; then
 fi
 grep -qx '==== corvalin guest: backups done: 0 failures ====' "$console" ||
 	{ grep -n '^BKP FAIL ' "$console" >&2; fail "the guest's backups with writers failed (lines above)"; }
+grep -qx '==== corvalin guest: race done: 0 failures ====' "$console" ||
+	{ sed -n '/^==== corvalin guest: race ====$/,$p' "$console" | grep -n '^BKP FAIL ' >&2
+	  fail "the guest's chain under an unpaused writer failed (lines above)"; }
 grep -qx '==== corvalin guest done: 0 failures ====' "$console" ||
 	fail "the guest reported failures"
 grep -qx 'result 0 failures' "$vm_transcript" ||
@@ -277,6 +301,35 @@ for want in sda2 sda2-incr1 sda2-incr2 sda2-restore1 sda2-restore2 sda1; do
 	check_image_at "$label" "$fs" "$VM_OUT/${from%-sector}.img" "$start" "$count"
 	images=$((images + 1))
 done
+
+# The chain of sde1 under the writer that never paused: every image is
+# state(S) of the writer's sequence for its S, S grows from image to
+# image, and sde1 itself ends as state(all writes).
+race_lines=$VM_OUT/race.lines
+sed -n 's/^BKP race //p' "$console" > "$race_lines"
+"$check_stamps" "$sde" "$sde1_orig" < "$race_lines" > "$VM_OUT/check-stamps.log" 2>&1 ||
+	{ cat "$VM_OUT/check-stamps.log" >&2; fail "an image of the chain under an unpaused writer is not the partition after one write (above)"; }
+sed 's/^/  /' "$VM_OUT/check-stamps.log" >&2
+vm_log "race chain: $(tail -1 "$VM_OUT/check-stamps.log")"
+# The check of that check: a copy of sde with one block of a middle image
+# set back to the image before it (a write lost across a frozen instant)
+# must be reported, that block and nothing else.
+forged=$VM_OUT/sde.forged.img
+forge_k=$(($(vm_define GUEST_RACE_IMAGES "$disks_h") / 2))
+cp --sparse=always "$sde" "$forged"
+"$check_stamps" --forge "$forge_k" "$forged" < "$race_lines" > "$VM_OUT/check-stamps.forge.log" 2>&1 ||
+	{ cat "$VM_OUT/check-stamps.forge.log" >&2; fail "check-stamps could not forge a lost write"; }
+forged_block=$(sed -n 's/^forged image [0-9]* block \([0-9]*\):.*/\1/p' "$VM_OUT/check-stamps.forge.log")
+set +e
+"$check_stamps" "$forged" "$sde1_orig" < "$race_lines" >> "$VM_OUT/check-stamps.forge.log" 2>&1
+forged_rc=$?
+set -e
+rm -f "$forged"
+[ $forged_rc -eq 1 ] &&
+	grep -q "^image $forge_k block $forged_block: .* lost" "$VM_OUT/check-stamps.forge.log" &&
+	grep -q '^check-stamps: .*, 1 faults$' "$VM_OUT/check-stamps.forge.log" ||
+	{ cat "$VM_OUT/check-stamps.forge.log" >&2; fail "self-test: check-stamps missed a block set back by hand (status $forged_rc)"; }
+vm_log "self-test: check-stamps finds a write lost in image $forge_k ($(head -1 "$VM_OUT/check-stamps.forge.log"))"
 
 # ---- 6. the verdict catches the validator ------------------------------------
 selftest_console=$VM_OUT/console.selftest.log

@@ -833,17 +833,24 @@ static void close_idle_untracked(int p)
 
 /* ---- the suite ---------------------------------------------------------- */
 
+/* What insmod and rmmod of corvalin.ko make the driver say. */
+const char *const bkp_load_lines[] = {
+	"<6>kivInit: corvalin version 3.1.0 build 9504 loaded", NULL
+};
+const char *const bkp_unload_lines[] = {
+	"<6>kivUnload: corvalin version 3.1.0 build 9504 ready to be "
+	"unloaded",
+	"<6>kivExit: corvalin version 3.1.0 build 9504 exiting",
+	NULL
+};
+
+int bkp_failures(void)
+{
+	return failures;
+}
+
 int bkp_run(void)
 {
-	static const char *const unload_lines[] = {
-		"<6>kivUnload: corvalin version 3.1.0 build 9504 ready to be "
-		"unloaded",
-		"<6>kivExit: corvalin version 3.1.0 build 9504 exiting",
-		NULL
-	};
-	static const char *const load_lines[] = {
-		"<6>kivInit: corvalin version 3.1.0 build 9504 loaded", NULL
-	};
 	char line[256];
 	int p, r, sdb;
 
@@ -867,7 +874,7 @@ int bkp_run(void)
 			bkp_fail("files of sda%d: %s", p, strerror(-r));
 	}
 	sync();
-	take_log("setup", load_lines, NULL);
+	take_log("setup", bkp_load_lines, NULL);
 
 	if (failures == 0) {
 		full_backup(2, sdb);
@@ -884,7 +891,7 @@ int bkp_run(void)
 	 * which it finds only while the partitions are in use. */
 	out("BKP step unload");
 	check("rmmod corvalin", rmmod("corvalin"), 0);
-	take_log("unload", unload_lines, NULL);
+	take_log("unload", bkp_unload_lines, NULL);
 	/* Every queue has its own function back: the partitions still take
 	 * writes, through no code of the unloaded module. */
 	for (p = 1; p <= 2; p++) {

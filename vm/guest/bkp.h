@@ -42,6 +42,8 @@ struct shared {
 extern struct shared *sh;
 
 void bkp_fail(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+/* The failures bkp_fail has counted since bkp_run began. */
+int bkp_failures(void);
 void barrier(void);
 uint32_t part_blocks(int p);
 uint32_t part_bs(int p);
@@ -64,6 +66,10 @@ void b_stopped(unsigned *ver);
 
 /* The module's log. */
 #define STATS_MAX 32
+
+/* The driver's lines at insmod and at rmmod of corvalin.ko. */
+extern const char *const bkp_load_lines[];
+extern const char *const bkp_unload_lines[];
 
 /* What one close printed. */
 struct close_log {

@@ -12,6 +12,15 @@
  *        backup, sdc2 for the second.
  *   sdd  the backup program's repository: one ext2 file system over the
  *        whole disk, mounted on /mnt/repo.
+ *   sde  the unpaused writer's chain (race.c), on an AHCI controller
+ *        (the PIIX's two IDE channels hold four disks), whose driver the
+ *        guest loads when that phase begins: an MSDOS label, sde1 at
+ *        GUEST_SDE_P1_START a small ext2 with 4 KiB blocks that is only
+ *        ever mounted read-only (the driver backs up only a partition
+ *        with a mounted file system), the writer's stamps from its block
+ *        GUEST_RACE_FIRST_BLOCK on; then, outside any partition from
+ *        GUEST_SDE_SLOT_START, GUEST_RACE_IMAGES slots of sde1's size,
+ *        slot k the image of backup k (0 full, then incrementals).
  */
 #ifndef CORVALIN_VM_DISKS_H
 #define CORVALIN_VM_DISKS_H
@@ -26,5 +35,12 @@
 #define GUEST_SDC_SECTORS	98304
 #define GUEST_SDD_MINOR		48
 #define GUEST_SDD_SECTORS	131072
+#define GUEST_SDE_MINOR		64
+#define GUEST_SDE_P1_START	2048
+#define GUEST_SDE_P1_SECTORS	16384
+#define GUEST_SDE_SLOT_START	18432
+#define GUEST_RACE_IMAGES	12
+#define GUEST_RACE_FIRST_BLOCK	128
+#define GUEST_SDE_SECTORS	215040
 
 #endif /* CORVALIN_VM_DISKS_H */

@@ -38,5 +38,8 @@ void dump_kernel_log(void);
 
 /* The backups with writers running (backup.c): the number of failures. */
 int bkp_run(void);
+/* The chain of sde1 under a writer that never pauses (race.c): the
+ * number of failures. */
+int race_run(void);
 
 #endif /* CORVALIN_VM_GUEST_H */

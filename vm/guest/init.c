@@ -6,13 +6,15 @@
  * It prepares the guest (proc, sysfs, device nodes, waits for the four
  * disks of vm/guest/disks.h), runs the boot scenario (vm/scenario) against the real
  * corvalin.ko with libcorvalin's real transport, then, when the scenario
- * passed, the backups with writers running (backup.c), prints the kernel
- * log, and powers off.  Everything the host reads comes over the serial
- * console (and the images backup.c writes to sdb):
+ * passed, the backups with writers running (backup.c) and the chain under
+ * a writer that never pauses (race.c), prints the kernel log, and powers
+ * off.  Everything the host reads comes over the serial console (and the
+ * images backup.c writes to sdb, race.c to sde):
  *
  *	"SCN <line>"			a transcript line of the scenario
- *	"BKP <line>"			a line of backup.c (see there)
+ *	"BKP <line>"			a line of backup.c or race.c (see there)
  *	"==== corvalin guest: backups done: <n> failures ===="
+ *	"==== corvalin guest: race done: <n> failures ===="
  *	"==== corvalin kernel log ===="	the whole kernel log follows...
  *	"==== corvalin kernel log end ===="
  *	"==== corvalin guest: lock validator debug_locks <0|1> ===="
@@ -108,6 +110,10 @@ static void setup(void)
 	node("/dev/sdc1", S_IFBLK, SCN_DISK_MAJOR, GUEST_SDC_MINOR + 1);
 	node("/dev/sdc2", S_IFBLK, SCN_DISK_MAJOR, GUEST_SDC_MINOR + 2);
 	node("/dev/sdd", S_IFBLK, SCN_DISK_MAJOR, GUEST_SDD_MINOR);
+	/* sde appears only once race.c has loaded its controller's driver. */
+	mkdir("/mnt/race", 0755);
+	node("/dev/sde", S_IFBLK, SCN_DISK_MAJOR, GUEST_SDE_MINOR);
+	node("/dev/sde1", S_IFBLK, SCN_DISK_MAJOR, GUEST_SDE_MINOR + 1);
 	/* The backup program draws its temporary names from here. */
 	node("/dev/urandom", S_IFCHR, 1, 9);
 
@@ -159,8 +165,10 @@ static int load_module(void *ctx, int module)
 /*
  * Booted with corvalin.selftest=lockdep, the guest only loads lockbug.ko,
  * which commits a lock order inversion, and powers off: the host expects
- * the boot test's verdict to find the validator's report.  1 when that
- * mode was asked for (and done), else 0.
+ * the boot test's verdict to find the validator's report.  Booted with
+ * corvalin.selftest=boot, it only says its first line and powers off
+ * (vm/bootloop.sh boots it many times over).  1 when such a mode was asked
+ * for (and done), else 0.
  */
 static int self_test(void)
 {
@@ -175,6 +183,10 @@ static int self_test(void)
 	if (n < 0)
 		die("/proc/cmdline");
 	cmdline[n] = '\0';
+	if (strstr(cmdline, "corvalin.selftest=boot")) {
+		out("==== corvalin guest: self-test boot ====");
+		return 1;
+	}
 	if (!strstr(cmdline, "corvalin.selftest=lockdep"))
 		return 0;
 	out("==== corvalin guest: self-test lockdep ====");
@@ -409,7 +421,7 @@ static void print(void *ctx, const char *line)
 int main(void)
 {
 	struct scn_platform p;
-	int failures;
+	int failures, race;
 
 	/* The kernel opened /dev/console of the initramfs as fds 0-2. */
 	if (fcntl(1, F_GETFD) < 0)
@@ -443,6 +455,10 @@ int main(void)
 		failures = bkp_run();
 		out("==== corvalin guest: backups done: %d failures ====",
 		    failures);
+		out("==== corvalin guest: race ====");
+		race = race_run();
+		out("==== corvalin guest: race done: %d failures ====", race);
+		failures += race;
 	}
 
 	dump_kernel_log();
