@@ -219,14 +219,7 @@ TEST_F(Intercept, NoMemoryOnADiskWithoutOtherSessionsTakesTheHookAway)
 {
 	// Only this partition tracked: errorAMS gives the queue its real
 	// function back and leaves the session, out of sync, in the table.
-	AutoMapSession *other = session(2);
-	{
-		unsigned long flags;
-		waitForAMListUsers(&flags);
-		amList[kMajor][2] = nullptr;
-		spin_unlock_irqrestore(&amListUsersLock, flags);
-	}
-	closeAM(other);
+	untrack(2);
 	addQueueToList(q_, disk_->dev(1));
 	emu::log_clear();
 	{

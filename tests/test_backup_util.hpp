@@ -158,6 +158,19 @@ protected:
 	{
 		return amList[kMajor][partno];
 	}
+	// Ends the tracking of partition partno: its session leaves the
+	// table and is closed (its place on the queue goes with it).
+	void untrack(int partno)
+	{
+		AutoMapSession *ams = session(partno);
+		{
+			unsigned long flags;
+			waitForAMListUsers(&flags);
+			amList[kMajor][partno] = nullptr;
+			spin_unlock_irqrestore(&amListUsersLock, flags);
+		}
+		closeAM(ams);
+	}
 	void TearDown() override
 	{
 		ModuleTest::TearDown();

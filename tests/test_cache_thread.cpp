@@ -221,14 +221,7 @@ TEST_F(CacheThreadSmall, CacheLimitReachedMovesToTenAndStopsCopying)
 // do so with interrupts on: no kernel warning.
 TEST_F(CacheThreadSmall, CacheLimitInsideAWriteAloneOnTheDiskLeavesInterruptsOn)
 {
-	AutoMapSession *other = session(2);
-	{
-		unsigned long flags;
-		waitForAMListUsers(&flags);
-		amList[kMajor][2] = nullptr;
-		spin_unlock_irqrestore(&amListUsersLock, flags);
-	}
-	closeAM(other);
+	untrack(2);
 	emu::log_clear();
 	EXPECT_TRUE(write_blocks(1, 4096, 5, 4, 0x55));
 	wait_idle();
