@@ -491,6 +491,41 @@ int check(const char *what, int got, int want)
 	return 1;
 }
 
+int key_is_zero(const AMSessionKey *k)
+{
+	unsigned i;
+
+	for (i = 0; i < sizeof(k->key); i++)
+		if (k->key[i])
+			return 0;
+	return 1;
+}
+
+/*
+ * The session of partition `minor` of the scenario's disk as
+ * GET_AUTOMAP_STATE reports it: in sync, a map of `blocks` blocks, a key
+ * set.  Anything else is a failure, said with the fields seen.
+ */
+int session_in_sync(cv_device *d, const char *what, unsigned minor,
+		    uint32_t blocks, AutoMapState *ams)
+{
+	memset(ams, 0, sizeof(*ams));
+	if (!check(what, cv_get_automap_state(d, ams, sizeof(*ams)), 0))
+		return 0;
+	if (ams->major != SCN_DISK_MAJOR || ams->minor != minor ||
+	    ams->state != AM_STATE_IN_SYNC || ams->mapLen != blocks ||
+	    ams->mapSize != cv_bitmap_bytes(blocks) ||
+	    key_is_zero(&ams->amsKey)) {
+		bkp_fail("%s: session %u:%u state %u mapLen %u mapSize %u "
+			 "key %s", what, (unsigned)ams->major,
+			 (unsigned)ams->minor, (unsigned)ams->state,
+			 (unsigned)ams->mapLen, (unsigned)ams->mapSize,
+			 key_is_zero(&ams->amsKey) ? "zero" : "set");
+		return 0;
+	}
+	return 1;
+}
+
 void check_state(cv_device *d, const char *what, uint32_t want)
 {
 	State st;

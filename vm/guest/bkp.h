@@ -89,6 +89,9 @@ const char *const *start_lines(int p);
 /* The backup program's pieces. */
 int check(const char *what, int got, int want);
 void check_state(cv_device *d, const char *what, uint32_t want);
+int key_is_zero(const AMSessionKey *k);
+int session_in_sync(cv_device *d, const char *what, unsigned minor,
+		    uint32_t blocks, AutoMapState *ams);
 int start(cv_device *d, int p, const char *what);
 uint32_t buffer_len(int p);
 uint32_t run_length(unsigned i, uint32_t max);

@@ -87,37 +87,11 @@ static uint32_t count_bits(uint32_t total)
 	return n;
 }
 
-static int key_is_zero(const AMSessionKey *k)
-{
-	unsigned i;
-
-	for (i = 0; i < sizeof(k->key); i++)
-		if (k->key[i])
-			return 0;
-	return 1;
-}
-
 /* The session of sda2 as GET_AUTOMAP_STATE reports it: tracked, in sync,
  * a map of the whole partition. */
 static int tracked(cv_device *d, const char *what, AutoMapState *ams)
 {
-	uint32_t total = part_blocks(P);
-
-	memset(ams, 0, sizeof(*ams));
-	if (!check(what, cv_get_automap_state(d, ams, sizeof(*ams)), 0))
-		return 0;
-	if (ams->major != SCN_DISK_MAJOR || ams->minor != P ||
-	    ams->state != AM_STATE_IN_SYNC || ams->mapLen != total ||
-	    ams->mapSize != cv_bitmap_bytes(total) ||
-	    key_is_zero(&ams->amsKey)) {
-		bkp_fail("%s: session %u:%u state %u mapLen %u mapSize %u "
-			 "key %s", what, (unsigned)ams->major,
-			 (unsigned)ams->minor, (unsigned)ams->state,
-			 (unsigned)ams->mapLen, (unsigned)ams->mapSize,
-			 key_is_zero(&ams->amsKey) ? "zero" : "set");
-		return 0;
-	}
-	return 1;
+	return session_in_sync(d, what, P, part_blocks(P), ams);
 }
 
 /*

@@ -113,16 +113,6 @@ static void set_bit(unsigned char *map, uint32_t bn)
 	map[bn / 8] |= (unsigned char)(1u << (bn % 8));
 }
 
-static int key_is_zero(const AMSessionKey *k)
-{
-	unsigned i;
-
-	for (i = 0; i < sizeof(k->key); i++)
-		if (k->key[i])
-			return 0;
-	return 1;
-}
-
 /* ---- the writer (a child process) ------------------------------------ */
 
 static void writer(int unused)
@@ -184,21 +174,7 @@ static int wait_writes(uint32_t want, const char *what)
  * the whole partition, a key. */
 static int tracked(cv_device *d, const char *what, AutoMapState *ams)
 {
-	memset(ams, 0, sizeof(*ams));
-	if (!check(what, cv_get_automap_state(d, ams, sizeof(*ams)), 0))
-		return 0;
-	if (ams->major != SCN_DISK_MAJOR || ams->minor != MINOR ||
-	    ams->state != AM_STATE_IN_SYNC || ams->mapLen != BLOCKS ||
-	    ams->mapSize != cv_bitmap_bytes(BLOCKS) ||
-	    key_is_zero(&ams->amsKey)) {
-		bkp_fail("%s: session %u:%u state %u mapLen %u mapSize %u "
-			 "key %s", what, (unsigned)ams->major,
-			 (unsigned)ams->minor, (unsigned)ams->state,
-			 (unsigned)ams->mapLen, (unsigned)ams->mapSize,
-			 key_is_zero(&ams->amsKey) ? "zero" : "set");
-		return 0;
-	}
-	return 1;
+	return session_in_sync(d, what, MINOR, BLOCKS, ams);
 }
 
 /*
