@@ -3,7 +3,8 @@
  *
  * The order of commands (the driver's protocol for a backup program):
  *   GET_BLOCK_SIZE, START_BACKUP; then either SNAPSHOT presenting the
- *   repository's last session key (incremental) or NO_LOAD_FROM_AUTOMAP
+ *   repository's last session key, or the one its record of an
+ *   interrupted backup holds (incremental), or NO_LOAD_FROM_AUTOMAP
  *   and SNAPSHOT without a key (full); GET_STATE must then say 4;
  *   GET_AUTOMAP_STATE gives the key to present next time; an incremental
  *   exports its change map (GET_AUTOMAP) and loads it as the set of blocks
@@ -21,9 +22,24 @@
  * The repository only ever changes by renames: the image is written under
  * a temporary name, fsynced, renamed, and the index replaced the same way.
  * An interrupted backup leaves at most a temporary file (removed by the
- * next run) or an image the index does not list (overwritten by the next
- * run, which takes the same number); the chain of listed backups is never
- * touched.
+ * next run), an image the index does not list (overwritten by the next
+ * run, which takes the same number) and its record (below); the chain of
+ * listed backups is never touched.
+ *
+ * The snapshot, though, changes the driver: it hands the change map over
+ * and gives the session a new key, so a backup that dies after it takes
+ * both with it and the next backup would have to be full.  Hence the
+ * record of a backup that has not completed ("pending", format.h): before
+ * the SNAPSHOT it says what the snapshot continues (INTENT: the key about
+ * to be presented, the parent, any map an earlier interrupted backup
+ * secured); right after it, the exported map (joined with that earlier
+ * map) and the new key (SECURED).  The next run presents the recorded key
+ * and, when the session still vouches for it, reads the union of the
+ * recorded map and the map its own snapshot hands over, as an incremental
+ * from the same parent; the record goes once the index lists a completed
+ * backup.  Only a death between the SNAPSHOT and the SECURED record costs
+ * a full backup, and the INTENT record left behind lets the next run say
+ * exactly that.
  */
 #define _POSIX_C_SOURCE 200809L
 #include <dirent.h>
@@ -47,20 +63,8 @@
  */
 #define CVB_MAX_BLOCKS		0xFFFFFFF0u
 
-struct job {
-	const struct cvb_backup_opts *o;
-	struct cvb_err *err;
-	cv_device dev;
-	int dev_open;
-	cv_uaddr buf;			/* the read-buffer mapping */
-	uint32_t buf_len;
-	uint32_t per_read;		/* blocks one READ_BLOCKS may carry */
-	uint32_t bs, count;
-	uint32_t state;			/* the backup's state after SNAPSHOT */
-	unsigned char *chunk;		/* host copy of one run */
-	int fd;				/* the image under its temp name */
-	char tmp[1110], final[1100];
-};
+#include "backup_job.h"
+
 
 static int driver_fail(struct job *j, const char *what, int r)
 {
@@ -108,7 +112,8 @@ static void remove_leftovers(const char *dir)
 		n = strlen(de->d_name);
 		if (n > 4 && strcmp(de->d_name + n - 4, ".tmp") == 0 &&
 		    (strncmp(de->d_name, "backup-", 7) == 0 ||
-		     strcmp(de->d_name, CVB_INDEX_NAME ".tmp") == 0) &&
+		     strcmp(de->d_name, CVB_INDEX_NAME ".tmp") == 0 ||
+		     strcmp(de->d_name, CVB_PENDING_NAME ".tmp") == 0) &&
 		    cvb_path(dir, de->d_name, path, sizeof(path)) == 0)
 			unlink(path);
 	}
@@ -171,158 +176,7 @@ static int stage(struct job *j, enum cvb_stage s)
 	return j->o->stage_hook(j->o->hook_ctx, (int)s);
 }
 
-/* Last backup's header, to learn its key (0, or no usable previous). */
-static int last_header(const struct cvb_repo *repo, struct cvb_header *h,
-		       struct cvb_err *err)
-{
-	struct cvb_image im;
-	int r;
 
-	if (repo->count == 0)
-		return -1;
-	r = cvb_image_open(repo, repo->count, &im, err);
-	if (r != 0)
-		return r;
-	*h = im.h;
-	cvb_image_close(&im);
-	return 0;
-}
-
-/* Decide whether to try an incremental; fills why when not. */
-static int want_incremental(struct job *j, const struct cvb_repo *repo,
-			    const struct cvb_header *prev, int have_prev,
-			    char *why, size_t len)
-{
-	AutoMapState ams;
-	int r;
-
-	if (j->o->force_full) {
-		snprintf(why, len, "--full was given");
-		return 0;
-	}
-	if (repo->count == 0) {
-		snprintf(why, len, "first backup in this repository");
-		return 0;
-	}
-	if (!have_prev) {
-		snprintf(why, len, "the repository's last backup cannot be "
-			 "read");
-		return 0;
-	}
-	if (prev->major != j->o->major || prev->minor != j->o->minor) {
-		snprintf(why, len, "the last backup is of another device "
-			 "(%u:%u)", (unsigned)prev->major,
-			 (unsigned)prev->minor);
-		return 0;
-	}
-	if (prev->block_size != j->bs || prev->block_count != j->count) {
-		snprintf(why, len, "size changed (%u blocks of %u bytes, now "
-			 "%u of %u)", (unsigned)prev->block_count,
-			 (unsigned)prev->block_size, (unsigned)j->count,
-			 (unsigned)j->bs);
-		return 0;
-	}
-	if (!(prev->flags & CVB_FLAG_KEY)) {
-		snprintf(why, len, "the last backup has no session key");
-		return 0;
-	}
-	memset(&ams, 0, sizeof(ams));
-	r = cv_get_automap_state(&j->dev, &ams, sizeof(ams));
-	if (r != 0) {
-		snprintf(why, len, "change tracking cannot be queried (%s)",
-			 cv_result_name(r));
-		return 0;
-	}
-	if (ams.major == 0 && ams.minor == 0 && ams.state == 0) {
-		snprintf(why, len, "the partition is not tracked (module "
-			 "reloaded, or tracking stopped)");
-		return 0;
-	}
-	if (ams.major != j->o->major || ams.minor != j->o->minor) {
-		snprintf(why, len, "change tracking answers for device %u:%u",
-			 (unsigned)ams.major, (unsigned)ams.minor);
-		return 0;
-	}
-	if (ams.state != 1) {
-		snprintf(why, len, "tracking lost (session state %u)",
-			 (unsigned)ams.state);
-		return 0;
-	}
-	if (ams.mapLen != j->count) {
-		snprintf(why, len, "size changed (tracking covers %u blocks, "
-			 "the partition has %u)", (unsigned)ams.mapLen,
-			 (unsigned)j->count);
-		return 0;
-	}
-	if (memcmp(ams.amsKey.key, prev->key, CVB_KEY_SIZE) != 0) {
-		snprintf(why, len, "key mismatch (the partition's last "
-			 "backup is not this repository's last one)");
-		return 0;
-	}
-	return 1;
-}
-
-/*
- * Whether the session's state read right after the snapshot vouches for
- * what the snapshot did: the partition's own session, in sync, covering
- * the partition's blocks, under a key other than `old` (every snapshot
- * that keeps or starts tracking gives the session a new key; `old` is the
- * key presented, or NULL).  Fills why when not.
- */
-static int vouched_after(struct job *j, int ams_r, const AutoMapState *ams,
-			 const unsigned char *old, char *why, size_t len)
-{
-	if (ams_r != 0) {
-		snprintf(why, len, "change map not vouched for (change "
-			 "tracking cannot be queried after the snapshot: %s)",
-			 cv_result_name(ams_r));
-		return 0;
-	}
-	if (ams->major != j->o->major || ams->minor != j->o->minor) {
-		snprintf(why, len, "change map not vouched for (after the "
-			 "snapshot change tracking answers for device %u:%u)",
-			 (unsigned)ams->major, (unsigned)ams->minor);
-		return 0;
-	}
-	if (ams->state != 1) {
-		snprintf(why, len, "change map not vouched for (after the "
-			 "snapshot the session is in state %u)",
-			 (unsigned)ams->state);
-		return 0;
-	}
-	if (ams->mapLen != j->count) {
-		snprintf(why, len, "change map not vouched for (after the "
-			 "snapshot the session covers %u blocks, the partition "
-			 "has %u)", (unsigned)ams->mapLen, (unsigned)j->count);
-		return 0;
-	}
-	if (old != NULL && memcmp(ams->amsKey.key, old, CVB_KEY_SIZE) == 0) {
-		snprintf(why, len, "change map not vouched for (the snapshot "
-			 "did not renew the session key)");
-		return 0;
-	}
-	return 1;
-}
-
-/*
- * The exported change map against the partition's geometry: the driver
- * wrote (count + 7) / 8 bytes for a map of `count` blocks (it refuses a
- * map of another length), so only the last byte can name blocks that do
- * not exist.  Such a map was not made for this partition.
- */
-static int map_fits(const struct job *j, const unsigned char *map, char *why,
-		    size_t len)
-{
-	uint32_t bm = cvb_bitmap_bytes(j->count);
-
-	if (j->count % 8 != 0 && (map[bm - 1] >> (j->count % 8)) != 0) {
-		snprintf(why, len, "change map not usable (it marks blocks at "
-			 "or beyond the partition's %u blocks)",
-			 (unsigned)j->count);
-		return 0;
-	}
-	return 1;
-}
 
 /*
  * The partition's block count from GET_BLOCK_SIZE, checked against the
@@ -477,12 +331,15 @@ static void cleanup(struct job *j, int keep_tmp)
 	j->chunk = NULL;
 }
 
+
 static int interrupted(struct job *j, int how, const char *where)
 {
 	cleanup(j, how == 2);
 	return cvb_fail(j->err, CVB_E_INTERRUPTED, "backup interrupted %s; "
-			"the repository is unchanged", where);
+			"the repository is unchanged%s", where,
+			bk_record_says(j));
 }
+
 
 /* Read the set of blocks `want` and store them; fills h and the sums. */
 static int read_and_store(struct job *j, struct cvb_header *h,
@@ -492,7 +349,7 @@ static int read_and_store(struct job *j, struct cvb_header *h,
 	uint32_t bs = j->bs, at = 0, n, i, stored = 0, run_fill = 0;
 	uint32_t nsums = (h->present_count + CVB_RUN_BLOCKS - 1) /
 			 CVB_RUN_BLOCKS;
-	unsigned char *sums = calloc((size_t)nsums * 4 + 4, 1);
+	unsigned char *sums = cvb_calloc((size_t)nsums * 4 + 4, 1);
 	uint32_t crc = 0;
 	uint64_t off = h->data_offset;
 	int r = 0, rr, first = 1;
@@ -594,112 +451,114 @@ static int read_and_store(struct job *j, struct cvb_header *h,
 	return r;
 }
 
-int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
-	       struct cvb_backup_result *res, struct cvb_err *err)
+
+/*
+ * The backup proper: from the repository as loaded (with the record of
+ * an interrupted backup, if one was found) to the index listing the new
+ * backup.  The caller frees the repository and the record.
+ */
+static int run(struct job *j, struct cvb_repo *repo, int rec_found,
+	       int rec_r, const char *rec_why, struct cvb_backup_result *res)
 {
-	struct job j;
-	struct cvb_repo repo;
+	const struct cvb_backup_opts *o = j->o;
+	struct cvb_err *err = j->err;
 	struct cvb_header prev, h;
 	struct cvb_entry e;
 	struct cvb_err ignored;
+	struct base b;
 	BlockSize geo;
 	AutoMapState ams;
 	unsigned char head[CVB_HEADER_SIZE];
 	unsigned char *want = NULL, *bad = NULL;
-	char name[64], why[200], after_why[200];
+	char name[64], why[240], after_why[200], note[240], mismatch[240];
 	uint64_t t0;
-	uint32_t bm;
+	uint32_t bm, i;
 	int r, have_prev, inc, how, vouched;
 
-	memset(res, 0, sizeof(*res));
-	memset(&j, 0, sizeof(j));
-	j.o = o;
-	j.err = err;
-	j.fd = -1;
-	if (o->device_bytes == 0)
-		return cvb_fail(err, CVB_E_ARG, "the size of device %u:%u is "
-				"not known: without it a partition of 4 TiB "
-				"or more cannot be told from a smaller one",
-				(unsigned)o->major, (unsigned)o->minor);
-	r = cvb_repo_load(dir, 1, &repo, err);
+	have_prev = bk_last_header(repo, &prev, &ignored) == 0;
+	r = cv_open(&j->dev, o->tp, o->control_path);
 	if (r != 0)
-		return r;
-	if (mkdir(dir, 0700) != 0 && errno != EEXIST) {
-		cvb_repo_free(&repo);
-		return cvb_fail(err, CVB_E_IO, "%s: %s", dir, strerror(errno));
-	}
-	remove_leftovers(dir);
-	have_prev = last_header(&repo, &prev, &ignored) == 0;
-
-	r = cv_open(&j.dev, o->tp, o->control_path);
-	if (r != 0) {
-		cvb_repo_free(&repo);
-		return driver_fail(&j, "opening the control device", r);
-	}
-	j.dev_open = 1;
+		return driver_fail(j, "opening the control device", r);
+	j->dev_open = 1;
 	memset(&geo, 0, sizeof(geo));
-	r = cv_get_block_size(&j.dev, o->major, o->minor, &geo, sizeof(geo));
+	r = cv_get_block_size(&j->dev, o->major, o->minor, &geo, sizeof(geo));
 	if (r != 0) {
-		cleanup(&j, 0);
-		cvb_repo_free(&repo);
+		cleanup(j, 0);
 		if (r == KIV_ERR_NO_FS)
 			return cvb_fail(err, CVB_E_DRIVER, "device %u:%u has "
 					"no mounted file system or does not "
 					"exist (GET_BLOCK_SIZE: %s)",
 					(unsigned)o->major, (unsigned)o->minor,
 					cv_result_name(r));
-		return driver_fail(&j, "GET_BLOCK_SIZE", r);
+		return driver_fail(j, "GET_BLOCK_SIZE", r);
 	}
-	r = check_geometry(&j, &geo);
+	r = check_geometry(j, &geo);
 	if (r != 0) {
-		cleanup(&j, 0);
-		cvb_repo_free(&repo);
+		cleanup(j, 0);
 		return r;
 	}
-	r = cv_start_backup(&j.dev, o->major, o->minor, j.count,
+	r = cv_start_backup(&j->dev, o->major, o->minor, j->count,
 			    o->max_cache_blocks ? o->max_cache_blocks
-						: j.count);
+						: j->count);
 	if (r != 0) {
-		cleanup(&j, 0);
-		cvb_repo_free(&repo);
+		cleanup(j, 0);
 		if (r == KIV_ERR_BUSY)
 			return cvb_fail(err, CVB_E_BUSY, "another backup is "
 					"running (START_BACKUP: %s)",
 					cv_result_name(r));
-		return driver_fail(&j, "START_BACKUP", r);
+		return driver_fail(j, "START_BACKUP", r);
 	}
-	how = stage(&j, CVB_STAGE_STARTED);
-	if (how != 0) {
-		cvb_repo_free(&repo);
-		return interrupted(&j, how, "after START_BACKUP");
-	}
+	how = stage(j, CVB_STAGE_STARTED);
+	if (how != 0)
+		return interrupted(j, how, "after START_BACKUP");
 
+	bk_choose_base(j, repo, &prev, have_prev, rec_found, rec_r, rec_why, &b,
+		    note, mismatch, sizeof(note));
 	why[0] = '\0';
-	inc = want_incremental(&j, &repo, &prev, have_prev, why, sizeof(why));
-	t0 = now_us();
-	if (inc) {
-		r = snapshot(&j, prev.key);
-		if (r == 0 && j.state == BU_STATE_STARTED) {
-			/* The driver refused the key: it changed since. */
-			snprintf(why, sizeof(why), "key mismatch at the "
-				 "snapshot");
-			inc = 0;
-			t0 = now_us();
-			r = snapshot(&j, NULL);
-		}
-	} else {
-		r = snapshot(&j, NULL);
-	}
-	res->frozen_us = (uint32_t)(now_us() - t0);
-	if (r == 0 && j.state != BU_STATE_SNAPSHOT)
-		r = cvb_fail(err, CVB_E_DRIVER, "SNAPSHOT left the backup in "
-			     "state %u (%s)", (unsigned)j.state,
-			     cv_backup_state_name(j.state));
+	inc = bk_want_incremental(j, repo, &prev, have_prev, &b, mismatch, why,
+			       sizeof(why));
+	if (!inc && mismatch[0] != '\0' && strcmp(why, mismatch) == 0)
+		snprintf(note, sizeof(note), "%s", mismatch);
+	r = bk_record_intent(j, &b, inc);
 	if (r != 0) {
-		cleanup(&j, 0);
-		cvb_repo_free(&repo);
+		cleanup(j, 0);
 		return r;
 	}
+	how = stage(j, CVB_STAGE_INTENT);
+	if (how != 0)
+		return interrupted(j, how, "before SNAPSHOT");
+
+	t0 = now_us();
+	if (inc) {
+		r = snapshot(j, b.key);
+		if (r == 0 && j->state == BU_STATE_STARTED) {
+			/* The driver refused the key: it changed since. */
+			if (b.from_record) {
+				snprintf(why, sizeof(why), NOT_USED "the "
+					 "driver refused its session key at "
+					 "the snapshot");
+				snprintf(note, sizeof(note), "%s", why);
+			} else {
+				snprintf(why, sizeof(why), "key mismatch at "
+					 "the snapshot");
+			}
+			inc = 0;
+			t0 = now_us();
+			r = snapshot(j, NULL);
+		}
+	} else {
+		r = snapshot(j, NULL);
+	}
+	res->frozen_us = (uint32_t)(now_us() - t0);
+	if (r == 0 && j->state != BU_STATE_SNAPSHOT)
+		r = cvb_fail(err, CVB_E_DRIVER, "SNAPSHOT left the backup in "
+			     "state %u (%s)", (unsigned)j->state,
+			     cv_backup_state_name(j->state));
+	if (r != 0) {
+		cleanup(j, 0);
+		return r;
+	}
+	j->snapped = 1;
 	/*
 	 * The session right after the snapshot: what vouches for the map an
 	 * incremental is about to export, and the key the next backup
@@ -708,41 +567,35 @@ int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
 	 */
 	memset(&h, 0, sizeof(h));
 	memset(&ams, 0, sizeof(ams));
-	r = cv_get_automap_state(&j.dev, &ams, sizeof(ams));
-	vouched = vouched_after(&j, r, &ams, have_prev ? prev.key : NULL,
-				after_why, sizeof(after_why));
+	r = cv_get_automap_state(&j->dev, &ams, sizeof(ams));
+	vouched = bk_vouched_after(j, r, &ams, b.have ? b.key : have_prev ?
+				prev.key : NULL, after_why, sizeof(after_why));
 	if (vouched) {
 		memcpy(h.key, ams.amsKey.key, CVB_KEY_SIZE);
 		h.flags |= CVB_FLAG_KEY;
 	}
 	h.time = o->time ? o->time : (uint64_t)time(NULL);
-	how = stage(&j, CVB_STAGE_SNAPSHOT);
-	if (how != 0) {
-		cvb_repo_free(&repo);
-		return interrupted(&j, how, "after SNAPSHOT");
-	}
+	how = stage(j, CVB_STAGE_SNAPSHOT);
+	if (how != 0)
+		return interrupted(j, how, "after SNAPSHOT");
 
-	r = cv_map_read_buffer(&j.dev, j.buf_len, &j.buf);
-	bm = cvb_bitmap_bytes(j.count);
-	want = calloc(bm, 1);
-	bad = calloc(bm, 1);
-	j.per_read = j.buf_len / j.bs;
-	j.chunk = malloc((size_t)j.buf_len + 1);
-	if (r != 0 || j.per_read == 0) {
-		if (r == 0)
-			r = KIV_ERR_INVALID;
-		j.buf = 0;
-		r = driver_fail(&j, "mapping the read buffer", r);
-	} else if (want == NULL || bad == NULL || j.chunk == NULL) {
-		r = cvb_fail(err, CVB_E_IO, "out of memory");
+	/*
+	 * The map and the key exist nowhere else now: export the map and
+	 * secure both in the record before anything else can fail.
+	 */
+	bm = cvb_bitmap_bytes(j->count);
+	want = cvb_calloc(bm, 1);
+	if (want == NULL) {
+		cleanup(j, 0);
+		return cvb_fail(err, CVB_E_IO, "out of memory");
 	}
-	if (r == 0 && inc) {
+	if (inc) {
 		/*
 		 * Exported even when it is not going to be used: the export
 		 * consumes the handed-over map, and a map still in place
 		 * would be overwritten (and lost) by LOAD_BLOCK_MAP.
 		 */
-		r = cv_get_automap(&j.dev, want, j.count);
+		r = cv_get_automap(&j->dev, want, j->count);
 		if (r == KIV_ERR_INVALID) {
 			/* No map was handed over after all: read all. */
 			inc = 0;
@@ -750,22 +603,54 @@ int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
 				 "change map");
 			r = 0;
 		} else if (r != 0) {
-			r = driver_fail(&j, "GET_AUTOMAP", r);
+			r = driver_fail(j, "GET_AUTOMAP", r);
 		} else if (!vouched) {
 			inc = 0;
 			snprintf(why, sizeof(why), "%s", after_why);
-		} else if (!map_fits(&j, want, why, sizeof(why))) {
+		} else if (!bk_map_fits(j, want, why, sizeof(why))) {
 			inc = 0;
-		} else {
-			r = load_map(&j, want);
 		}
 		if (r == 0 && !inc)
 			memset(want, 0, bm);
 	}
+	if (r == 0 && inc && b.map != NULL) {
+		/* Changed since the parent: before the base's snapshot, or
+		 * between it and this one. */
+		for (i = 0; i < bm; i++)
+			want[i] = (unsigned char)(want[i] | b.map[i]);
+		res->continued = 1;
+		res->continued_blocks = b.marked;
+	}
+	if (r == 0)
+		r = bk_record_secured(j, &b, inc, ams.amsKey.key, want);
+	if (r != 0) {
+		free(want);
+		cleanup(j, 0);
+		return r;
+	}
+	how = stage(j, CVB_STAGE_SECURED);
+	if (how != 0) {
+		free(want);
+		return interrupted(j, how, "after securing its change map");
+	}
+
+	r = cv_map_read_buffer(&j->dev, j->buf_len, &j->buf);
+	bad = cvb_calloc(bm, 1);
+	j->per_read = j->buf_len / j->bs;
+	j->chunk = cvb_malloc((size_t)j->buf_len + 1);
+	if (r != 0 || j->per_read == 0) {
+		if (r == 0)
+			r = KIV_ERR_INVALID;
+		j->buf = 0;
+		r = driver_fail(j, "mapping the read buffer", r);
+	} else if (bad == NULL || j->chunk == NULL) {
+		r = cvb_fail(err, CVB_E_IO, "out of memory");
+	}
+	if (r == 0 && inc)
+		r = load_map(j, want);
 	if (r == 0 && !inc) {
-		r = 0;
 		if (o->used_blocks)
-			r = used_blocks(&j, want, res->why_all_blocks,
+			r = used_blocks(j, want, res->why_all_blocks,
 					sizeof(res->why_all_blocks));
 		if (r == 1) {
 			h.flags |= CVB_FLAG_USED_BLOCKS;
@@ -779,126 +664,132 @@ int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
 			 */
 			r = 0;
 			memset(want, 0xFF, bm);
-			if (j.count % 8)
+			if (j->count % 8)
 				want[bm - 1] = (unsigned char)
-					((1u << (j.count % 8)) - 1);
+					((1u << (j->count % 8)) - 1);
 		}
 		if (r == 0)
-			r = load_map(&j, want);
+			r = load_map(j, want);
 	}
 	if (r != 0) {
 		free(want);
 		free(bad);
-		cleanup(&j, 0);
-		cvb_repo_free(&repo);
+		cleanup(j, 0);
 		return r;
 	}
-	how = stage(&j, CVB_STAGE_MAP);
+	how = stage(j, CVB_STAGE_MAP);
 	if (how != 0) {
 		free(want);
 		free(bad);
-		cvb_repo_free(&repo);
-		return interrupted(&j, how, "after the block map");
+		return interrupted(j, how, "after the block map");
 	}
 
 	h.version = CVB_FORMAT_VERSION;
-	h.number = repo.count + 1;
+	h.number = repo->count + 1;
 	h.kind = inc ? CVB_KIND_INCREMENTAL : CVB_KIND_FULL;
-	h.parent = inc ? repo.count : 0;
+	h.parent = inc ? repo->count : 0;
 	h.parent_id = inc ? prev.id : 0;
 	h.id = random_id();
 	h.major = o->major;
 	h.minor = o->minor;
-	h.block_size = j.bs;
-	h.block_count = j.count;
+	h.block_size = j->bs;
+	h.block_count = j->count;
 	h.partition_kb = geo.partitionSizeKB;
-	h.present_count = cvb_count_bits(want, j.count);
+	h.present_count = cvb_count_bits(want, j->count);
 	h.frozen_us = res->frozen_us;
 	cvb_header_layout(&h);
 	h.bitmap_crc = cvb_crc32c(0, want, bm);
 
 	cvb_image_name(h.number, name, sizeof(name));
-	(void)cvb_path(dir, name, j.final, sizeof(j.final));
-	snprintf(j.tmp, sizeof(j.tmp), "%s.tmp", j.final);
-	j.fd = open(j.tmp, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-	if (j.fd < 0)
-		r = cvb_fail(err, CVB_E_IO, "%s: %s", j.tmp, strerror(errno));
-	else if ((r = cvb_write_at(j.fd, want, bm, h.bitmap_offset)) != 0)
-		r = cvb_fail(err, CVB_E_IO, "%s: %s", j.tmp, strerror(r));
+	(void)cvb_path(j->dir, name, j->final, sizeof(j->final));
+	snprintf(j->tmp, sizeof(j->tmp), "%s.tmp", j->final);
+	j->fd = open(j->tmp, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+	if (j->fd < 0)
+		r = cvb_fail(err, CVB_E_IO, "%s: %s", j->tmp, strerror(errno));
+	else if ((r = cvb_write_at(j->fd, want, bm, h.bitmap_offset)) != 0)
+		r = cvb_fail(err, CVB_E_IO, "%s: %s", j->tmp, strerror(r));
 	if (r == 0)
-		r = read_and_store(&j, &h, want, bad, res);
+		r = read_and_store(j, &h, want, bad, res);
 	free(want);
 	free(bad);
-	if (r < 0) {
-		cvb_repo_free(&repo);
-		return interrupted(&j, -r, "while reading");
-	}
+	if (r < 0)
+		return interrupted(j, -r, "while reading");
 	if (r != 0) {
-		cleanup(&j, 0);
-		cvb_repo_free(&repo);
+		cleanup(j, 0);
 		return r;
 	}
 	/* Everything is read: end the backup before the slow writes. */
-	(void)cv_munmap(&j.dev, j.buf, j.buf_len);
-	j.buf = 0;
-	(void)cv_close(&j.dev);
-	j.dev_open = 0;
+	(void)cv_munmap(&j->dev, j->buf, j->buf_len);
+	j->buf = 0;
+	(void)cv_close(&j->dev);
+	j->dev_open = 0;
+	how = stage(j, CVB_STAGE_STORED);
+	if (how != 0)
+		return interrupted(j, how, "while writing its image");
 
 	if (h.unreadable_count > 0)
 		h.flags |= CVB_FLAG_UNREADABLE;
 	cvb_header_encode(&h, head);
-	r = cvb_write_at(j.fd, head, sizeof(head), 0);
-	if (r == 0 && fsync(j.fd) != 0)
+	r = cvb_write_at(j->fd, head, sizeof(head), 0);
+	if (r == 0 && fsync(j->fd) != 0)
 		r = errno;
-	if (r == 0 && close(j.fd) != 0)
+	if (r == 0 && close(j->fd) != 0)
 		r = errno;
 	else if (r != 0)
-		close(j.fd);
-	j.fd = -1;
+		close(j->fd);
+	j->fd = -1;
 	if (r != 0) {
-		unlink(j.tmp);
-		cleanup(&j, 0);
-		cvb_repo_free(&repo);
-		return cvb_fail(err, CVB_E_IO, "%s: %s", j.tmp, strerror(r));
+		unlink(j->tmp);
+		cleanup(j, 0);
+		return cvb_fail(err, CVB_E_IO, "%s: %s", j->tmp, strerror(r));
 	}
-	how = stage(&j, CVB_STAGE_WRITTEN);
+	how = stage(j, CVB_STAGE_WRITTEN);
 	if (how != 0) {
 		if (how == 1)
-			unlink(j.tmp);
-		cleanup(&j, 1);
-		cvb_repo_free(&repo);
+			unlink(j->tmp);
+		cleanup(j, 1);
 		return cvb_fail(err, CVB_E_INTERRUPTED, "backup interrupted "
 				"before its rename; the repository is "
-				"unchanged");
+				"unchanged%s", bk_record_says(j));
 	}
-	if (rename(j.tmp, j.final) != 0 || cvb_fsync_dir(dir) != 0) {
-		r = cvb_fail(err, CVB_E_IO, "%s: %s", j.final, strerror(errno));
-		unlink(j.tmp);
-		cleanup(&j, 0);
-		cvb_repo_free(&repo);
+	if (rename(j->tmp, j->final) != 0 || cvb_fsync_dir(j->dir) != 0) {
+		r = cvb_fail(err, CVB_E_IO, "%s: %s", j->final,
+			     strerror(errno));
+		unlink(j->tmp);
+		cleanup(j, 0);
 		return r;
 	}
-	how = stage(&j, CVB_STAGE_RENAMED);
+	how = stage(j, CVB_STAGE_RENAMED);
 	if (how != 0) {
-		cleanup(&j, 1);
-		cvb_repo_free(&repo);
+		cleanup(j, 1);
 		return cvb_fail(err, CVB_E_INTERRUPTED, "backup interrupted "
 				"before the index was updated; the "
-				"repository is unchanged");
+				"repository is unchanged%s", bk_record_says(j));
 	}
 	cvb_entry_from_header(&h, &e);
-	r = cvb_repo_append(&repo, &e, err);
-	cleanup(&j, 0);
-	cvb_repo_free(&repo);
+	r = cvb_repo_append(repo, &e, err);
+	cleanup(j, 0);
 	if (r != 0)
 		return r;
-	(void)stage(&j, CVB_STAGE_DONE);
+	/*
+	 * The index lists the backup, and its header holds the key the
+	 * record held: the record is done with.  Should it survive (the
+	 * removal failed, or the program died first), it names a parent
+	 * that is no longer the last backup, and the next run sets it
+	 * aside.
+	 */
+	(void)cvb_pending_remove(j->dir);
+	j->record = REC_NONE;
+	(void)stage(j, CVB_STAGE_DONE);
 
 	res->number = h.number;
 	res->incremental = inc;
 	snprintf(res->why_full, sizeof(res->why_full), "%s", inc ? "" : why);
-	res->block_size = j.bs;
-	res->block_count = j.count;
+	snprintf(res->pending_note, sizeof(res->pending_note), "%s", note);
+	if (!inc)
+		res->continued = 0;
+	res->block_size = j->bs;
+	res->block_count = j->count;
 	res->unreadable = h.unreadable_count;
 	res->bytes_stored = h.file_size;
 	if (h.unreadable_count > 0)
@@ -907,4 +798,52 @@ int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
 				"restore as zeros",
 				(unsigned)h.unreadable_count);
 	return 0;
+}
+
+int cvb_backup(const char *dir, const struct cvb_backup_opts *o,
+	       struct cvb_backup_result *res, struct cvb_err *err)
+{
+	struct job j;
+	struct cvb_repo repo;
+	char rec_why[200];
+	int r, rec_found, rec_r;
+
+	memset(res, 0, sizeof(*res));
+	memset(&j, 0, sizeof(j));
+	j.o = o;
+	j.err = err;
+	j.fd = -1;
+	j.dir = dir;
+	if (o->device_bytes == 0)
+		return cvb_fail(err, CVB_E_ARG, "the size of device %u:%u is "
+				"not known: without it a partition of 4 TiB "
+				"or more cannot be told from a smaller one",
+				(unsigned)o->major, (unsigned)o->minor);
+	r = cvb_repo_load(dir, 1, &repo, err);
+	if (r != 0)
+		return r;
+	if (mkdir(dir, 0700) != 0 && errno != EEXIST) {
+		cvb_repo_free(&repo);
+		return cvb_fail(err, CVB_E_IO, "%s: %s", dir, strerror(errno));
+	}
+	remove_leftovers(dir);
+	/*
+	 * A record that fails its checks is set aside (the backup says so);
+	 * one that cannot be read at all stops the backup before the driver
+	 * is touched, as losing it would cost a full backup.
+	 */
+	rec_why[0] = '\0';
+	rec_r = cvb_pending_load(dir, &j.rec, &rec_found, err);
+	if (rec_r == CVB_E_CORRUPT) {
+		snprintf(rec_why, sizeof(rec_why), "%.160s", err->msg);
+		err->msg[0] = '\0';
+		err->code = 0;
+	} else if (rec_r != 0) {
+		cvb_repo_free(&repo);
+		return rec_r;
+	}
+	r = run(&j, &repo, rec_found, rec_r, rec_why, res);
+	cvb_pending_free(&j.rec);
+	cvb_repo_free(&repo);
+	return r;
 }

@@ -287,6 +287,10 @@ static int run_backup(int argc, char **argv, const struct cvb_platform *pf)
 			exit_of(r), (unsigned)res.number,
 			res.incremental ? "incremental" : "full");
 		jstr(pf->out, res.why_full);
+		fprintf(pf->out, ",\"continued\":%s,\"continued_blocks\":%u,"
+			"\"pending_note\":", res.continued ? "true" : "false",
+			(unsigned)res.continued_blocks);
+		jstr(pf->out, res.pending_note);
 		fprintf(pf->out, ",\"block_size\":%u,\"block_count\":%u,"
 			"\"used_blocks\":%s,\"why_all_blocks\":",
 			(unsigned)res.block_size, (unsigned)res.block_count,
@@ -300,6 +304,13 @@ static int run_backup(int argc, char **argv, const struct cvb_platform *pf)
 	} else {
 		if (!res.incremental)
 			fprintf(pf->out, "full backup: %s\n", res.why_full);
+		else if (res.continued)
+			fprintf(pf->out, "continuing an interrupted backup: "
+				"%u blocks from it\n",
+				(unsigned)res.continued_blocks);
+		if (res.pending_note[0] != '\0' &&
+		    strcmp(res.pending_note, res.why_full) != 0)
+			fprintf(pf->out, "note: %s\n", res.pending_note);
 		fprintf(pf->out, "backup %u (%s) of %s: %u of %u blocks read"
 			"%s, %s stored, frozen within %.1f ms\n",
 			(unsigned)res.number,
@@ -491,6 +502,66 @@ static int run_verify(int argc, char **argv, const struct cvb_platform *pf)
 	return r;
 }
 
+/*
+ * The record of a backup that has not completed, as list shows it: one
+ * line, or the JSON member "interrupted" (null when there is none).
+ */
+static void show_pending(const struct cvb_platform *pf, const char *dir,
+			 int json)
+{
+	struct cvb_pending p;
+	struct cvb_err e;
+	int found = 0, r;
+	const char *kind, *state;
+
+	memset(&e, 0, sizeof(e));
+	r = cvb_pending_load(dir, &p, &found, &e);
+	if (json)
+		fputs(",\"interrupted\":", pf->out);
+	if (!found && r == 0) {
+		if (json)
+			fputs("null", pf->out);
+		return;
+	}
+	if (r != 0) {
+		if (json) {
+			fputs(r == CVB_E_CORRUPT ? "{\"damaged\":" :
+			      "{\"unreadable\":", pf->out);
+			jstr(pf->out, e.msg);
+			fputc('}', pf->out);
+		} else {
+			fprintf(pf->out, "interrupted backup: its record %s "
+				"(%s); the next backup does not use it\n",
+				r == CVB_E_CORRUPT ? "is damaged" :
+				"cannot be read", e.msg);
+		}
+		return;
+	}
+	kind = p.kind == CVB_KIND_FULL ? "full" : "incremental";
+	state = p.state == CVB_PENDING_SECURED ? "secured" : "intent";
+	if (json) {
+		fprintf(pf->out, "{\"state\":\"%s\",\"kind\":\"%s\","
+			"\"continues\":%u,\"blocks\":%u}", state, kind,
+			(unsigned)p.parent, (unsigned)p.marked);
+	} else if (p.state == CVB_PENDING_SECURED &&
+		   p.kind == CVB_KIND_INCREMENTAL) {
+		fprintf(pf->out, "interrupted backup: it continues backup %u "
+			"with %u changed blocks secured; the next backup "
+			"continues it\n", (unsigned)p.parent,
+			(unsigned)p.marked);
+	} else if (p.state == CVB_PENDING_SECURED) {
+		fprintf(pf->out, "interrupted backup: a full one, stopped "
+			"after its snapshot; the next backup is full\n");
+	} else {
+		fprintf(pf->out, "interrupted backup: %s, stopped around "
+			"its snapshot%s\n", p.kind == CVB_KIND_FULL ?
+			"a full one" : "an incremental one",
+			p.kind == CVB_KIND_FULL ? "" : " before its change map "
+			"was secured");
+	}
+	cvb_pending_free(&p);
+}
+
 static int run_list(int argc, char **argv, const struct cvb_platform *pf)
 {
 	struct opts o;
@@ -549,7 +620,10 @@ static int run_list(int argc, char **argv, const struct cvb_platform *pf)
 				: "");
 	}
 	if (o.json)
-		fputs("]}\n", pf->out);
+		fputs("]", pf->out);
+	show_pending(pf, o.pos[0], o.json);
+	if (o.json)
+		fputs("}\n", pf->out);
 	cvb_repo_free(&repo);
 	return CVB_EXIT_OK;
 }

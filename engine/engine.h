@@ -51,6 +51,20 @@ int cvb_fail(struct cvb_err *err, int code, const char *fmt, ...)
 #endif
 	;
 
+/* --- allocation ---------------------------------------------------------- */
+
+/* Every allocation of the engine (engine/alloc.c); free() releases. */
+void *cvb_malloc(size_t n);
+void *cvb_calloc(size_t n, size_t size);
+void *cvb_realloc(void *p, size_t n);
+/*
+ * Fault injection for tests: the allocations made so far; make the nth
+ * from now fail (1: the next one), and with `and_later` every one after
+ * it too.  nth 0 ends the injection.
+ */
+unsigned long cvb_alloc_calls(void);
+void cvb_alloc_fail(unsigned long nth, int and_later);
+
 /* --- the repository ------------------------------------------------------ */
 
 #define CVB_INDEX_NAME "index"
@@ -79,6 +93,22 @@ const struct cvb_entry *cvb_repo_entry(const struct cvb_repo *repo,
  */
 int cvb_repo_append(struct cvb_repo *repo, const struct cvb_entry *e,
 		    struct cvb_err *err);
+
+/*
+ * The record of a backup that has not completed (CVB_PENDING_NAME, see
+ * format.h).  Load: 0 with *found 0 when there is none; 0 with *found 1
+ * and p filled (cvb_pending_free releases it); CVB_E_CORRUPT with only
+ * the reason in err (e.g. "its checksum does not match") when the file
+ * fails its checks; CVB_E_IO when it cannot be read.
+ */
+int cvb_pending_load(const char *dir, struct cvb_pending *p, int *found,
+		     struct cvb_err *err);
+void cvb_pending_free(struct cvb_pending *p);
+/* Replace it atomically (cvb_replace_file), as the index is replaced. */
+int cvb_pending_save(const char *dir, const struct cvb_pending *p,
+		     struct cvb_err *err);
+/* Remove it (none there is fine) durably: 0 or an errno value. */
+int cvb_pending_remove(const char *dir);
 
 /* An image file opened for reading, its header and bitmaps checked. */
 struct cvb_image {
@@ -113,9 +143,13 @@ int cvb_image_next(struct cvb_image *im, const unsigned char **data,
 /* Stages a backup passes, in order (for progress and for tests). */
 enum cvb_stage {
 	CVB_STAGE_STARTED = 1,		/* START_BACKUP done */
+	CVB_STAGE_INTENT,		/* the record says a snapshot comes */
 	CVB_STAGE_SNAPSHOT,		/* SNAPSHOT done, state 4 */
+	CVB_STAGE_SECURED,		/* the snapshot's change map recorded */
 	CVB_STAGE_MAP,			/* set of blocks to read known */
 	CVB_STAGE_READING,		/* after the first run was stored */
+	CVB_STAGE_STORED,		/* every block stored, driver closed,
+					 * the image's header not written */
 	CVB_STAGE_WRITTEN,		/* image complete, under its temp name */
 	CVB_STAGE_RENAMED,		/* image renamed, index not yet */
 	CVB_STAGE_DONE			/* index updated */
@@ -152,7 +186,18 @@ struct cvb_backup_opts {
 struct cvb_backup_result {
 	uint32_t number;		/* the new backup */
 	int incremental;
-	char why_full[200];		/* "" for an incremental */
+	char why_full[240];		/* "" for an incremental */
+	/*
+	 * An incremental that continues an interrupted backup: its parent
+	 * is the interrupted one's, and it read the blocks that backup's
+	 * secured change map named (continued_blocks of them) along with
+	 * its own.
+	 */
+	int continued;
+	uint32_t continued_blocks;
+	/* A record of an interrupted backup that was found and not used:
+	 * why, as one sentence ("" otherwise). */
+	char pending_note[240];
 	uint32_t block_size, block_count;
 	int used_blocks;		/* 1: only allocated blocks were read */
 	/* A full backup asked to read only allocated blocks that read every

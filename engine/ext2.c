@@ -61,7 +61,7 @@ int cvb_ext2_used_blocks(cvb_read_fn rd, void *ctx, uint32_t block_size,
 	int r;
 
 	/* The super block is the 1024 bytes at byte 1024. */
-	buf = malloc(block_size > 2048 ? block_size : 2048);
+	buf = cvb_malloc(block_size > 2048 ? block_size : 2048);
 	if (buf == NULL)
 		return -CVB_E_IO;
 	sb_block = 1024 / block_size;
@@ -116,8 +116,8 @@ int cvb_ext2_used_blocks(cvb_read_fn rd, void *ctx, uint32_t block_size,
 		return nope(why, whylen, "the ext2/ext3 group descriptors "
 			    "(%u blocks) do not fit the file system",
 			    (unsigned)gdt_blocks);
-	gdt = malloc((size_t)gdt_blocks * block_size);
-	buf = malloc(block_size);
+	gdt = cvb_malloc((size_t)gdt_blocks * block_size);
+	buf = cvb_malloc(block_size);
 	if (gdt == NULL || buf == NULL) {
 		free(gdt);
 		free(buf);

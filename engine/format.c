@@ -259,3 +259,145 @@ void cvb_image_name(uint32_t number, char *out, size_t len)
 {
 	snprintf(out, len, "backup-%06u.img", (unsigned)number);
 }
+
+/* --- the record of a backup that has not completed ----------------------- */
+
+/* Field offsets of the record (docs/FORMAT.md has the same table). */
+enum {
+	P_MAGIC = 0, P_VERSION = 8, P_SIZE = 12, P_STATE = 16, P_FLAGS = 20,
+	P_KIND = 24, P_PARENT = 28, P_PARENT_ID = 32, P_MAJOR = 40,
+	P_MINOR = 44, P_BLOCK_SIZE = 48, P_BLOCK_COUNT = 52, P_MARKED = 56,
+	P_MAP_BYTES = 60, P_KEY = 64, P_CRC = 124
+};
+
+static uint32_t pending_map_bytes(const struct cvb_pending *p)
+{
+	return p->flags & CVB_PENDING_MAP ? cvb_bitmap_bytes(p->block_count)
+					  : 0u;
+}
+
+size_t cvb_pending_size(const struct cvb_pending *p)
+{
+	return CVB_PENDING_HEAD_SIZE + (size_t)pending_map_bytes(p);
+}
+
+void cvb_pending_encode(const struct cvb_pending *p, unsigned char *out)
+{
+	uint32_t mb = pending_map_bytes(p), crc;
+
+	memset(out, 0, CVB_PENDING_HEAD_SIZE);
+	memcpy(out + P_MAGIC, CVB_PENDING_MAGIC, 8);
+	cvb_put32(out + P_VERSION, CVB_PENDING_VERSION);
+	cvb_put32(out + P_SIZE, CVB_PENDING_HEAD_SIZE);
+	cvb_put32(out + P_STATE, p->state);
+	cvb_put32(out + P_FLAGS, p->flags);
+	cvb_put32(out + P_KIND, p->kind);
+	cvb_put32(out + P_PARENT, p->parent);
+	cvb_put64(out + P_PARENT_ID, p->parent_id);
+	cvb_put32(out + P_MAJOR, p->major);
+	cvb_put32(out + P_MINOR, p->minor);
+	cvb_put32(out + P_BLOCK_SIZE, p->block_size);
+	cvb_put32(out + P_BLOCK_COUNT, p->block_count);
+	cvb_put32(out + P_MARKED, p->marked);
+	cvb_put32(out + P_MAP_BYTES, mb);
+	memcpy(out + P_KEY, p->key, CVB_KEY_SIZE);
+	if (mb > 0)
+		memcpy(out + CVB_PENDING_HEAD_SIZE, p->map, mb);
+	crc = cvb_crc32c(0, out, P_CRC);
+	crc = cvb_crc32c(crc, out + CVB_PENDING_HEAD_SIZE, mb);
+	cvb_put32(out + P_CRC, crc);
+}
+
+/* What a record says must hang together; NULL when it does. */
+static const char *pending_inconsistency(const struct cvb_pending *p,
+					 uint32_t head_size, uint32_t mb)
+{
+	int key = (p->flags & CVB_PENDING_KEY) != 0;
+	int map = (p->flags & CVB_PENDING_MAP) != 0;
+
+	if (head_size != CVB_PENDING_HEAD_SIZE)
+		return "unexpected header size";
+	if (p->state != CVB_PENDING_INTENT && p->state != CVB_PENDING_SECURED)
+		return "unknown state";
+	if ((p->flags & ~CVB_PENDING_FLAGS_KNOWN) != 0)
+		return "unknown flags";
+	if (p->kind != CVB_KIND_FULL && p->kind != CVB_KIND_INCREMENTAL)
+		return "unknown backup kind";
+	if (p->block_size < 512 || p->block_size > CVB_MAX_BLOCK_SIZE ||
+	    (p->block_size & (p->block_size - 1)) != 0 ||
+	    p->block_count == 0)
+		return "invalid geometry";
+	if (mb != (map ? cvb_bitmap_bytes(p->block_count) : 0u))
+		return "map size does not match the block count";
+	/* A key continues a complete backup; a map needs the key. */
+	if (key != (p->parent != 0) || key != (p->parent_id != 0) ||
+	    (map && !key))
+		return "inconsistent parent";
+	if (p->state == CVB_PENDING_SECURED &&
+	    (p->kind == CVB_KIND_INCREMENTAL) != (key && map))
+		return "inconsistent parent";
+	if (!map)
+		return p->marked != 0 ? "map does not match its block count"
+				      : NULL;
+	if (cvb_count_bits(p->map, p->block_count) != p->marked ||
+	    (p->block_count % 8 != 0 &&
+	     (p->map[mb - 1] >> (p->block_count % 8)) != 0))
+		return "map does not match its block count";
+	return NULL;
+}
+
+int cvb_pending_decode(const unsigned char *in, uint64_t len,
+		       struct cvb_pending *p, char *why, size_t whylen)
+{
+	uint64_t want;
+	uint32_t mb, crc;
+	const char *bad_field;
+
+	memset(p, 0, sizeof(*p));
+	if (len < CVB_PENDING_HEAD_SIZE) {
+		snprintf(why, whylen, "it is truncated (%llu bytes)",
+			 (unsigned long long)len);
+		return -1;
+	}
+	if (memcmp(in + P_MAGIC, CVB_PENDING_MAGIC, 8) != 0)
+		return bad(why, whylen, "it is not a corvalin record (wrong "
+			   "magic)");
+	if (cvb_get32(in + P_VERSION) != CVB_PENDING_VERSION) {
+		snprintf(why, whylen, "its version %u is not supported (this "
+			 "program reads version %u)",
+			 (unsigned)cvb_get32(in + P_VERSION),
+			 CVB_PENDING_VERSION);
+		return -1;
+	}
+	mb = cvb_get32(in + P_MAP_BYTES);
+	want = CVB_PENDING_HEAD_SIZE + (uint64_t)mb;
+	if (len != want) {
+		snprintf(why, whylen, len < want ? "it is truncated (%llu of "
+			 "%llu bytes)" : "it has trailing bytes (%llu, not "
+			 "%llu)", (unsigned long long)len,
+			 (unsigned long long)want);
+		return -1;
+	}
+	crc = cvb_crc32c(0, in, P_CRC);
+	crc = cvb_crc32c(crc, in + CVB_PENDING_HEAD_SIZE, mb);
+	if (crc != cvb_get32(in + P_CRC))
+		return bad(why, whylen, "its checksum does not match");
+	p->state = cvb_get32(in + P_STATE);
+	p->flags = cvb_get32(in + P_FLAGS);
+	p->kind = cvb_get32(in + P_KIND);
+	p->parent = cvb_get32(in + P_PARENT);
+	p->parent_id = cvb_get64(in + P_PARENT_ID);
+	p->major = cvb_get32(in + P_MAJOR);
+	p->minor = cvb_get32(in + P_MINOR);
+	p->block_size = cvb_get32(in + P_BLOCK_SIZE);
+	p->block_count = cvb_get32(in + P_BLOCK_COUNT);
+	p->marked = cvb_get32(in + P_MARKED);
+	memcpy(p->key, in + P_KEY, CVB_KEY_SIZE);
+	p->map = mb > 0 ? in + CVB_PENDING_HEAD_SIZE : NULL;
+	bad_field = pending_inconsistency(p, cvb_get32(in + P_SIZE), mb);
+	if (bad_field != NULL) {
+		snprintf(why, whylen, "it is inconsistent (%s)", bad_field);
+		return -1;
+	}
+	return 0;
+}

@@ -76,6 +76,54 @@ struct cvb_entry {
 	uint64_t file_size;
 };
 
+/*
+ * The record of a backup that has not completed ("pending", beside the
+ * index; docs/FORMAT.md).  Written before the snapshot (state INTENT: the
+ * key about to be presented, and what it continues) and again right
+ * after it (state SECURED: the session's new key and the change map the
+ * snapshot handed over), so that a backup that dies after its snapshot
+ * does not take the change map with it.  The index never lists it.
+ */
+#define CVB_PENDING_NAME	"pending"
+#define CVB_PENDING_MAGIC	"CVLNPND\0"
+#define CVB_PENDING_VERSION	1u
+#define CVB_PENDING_HEAD_SIZE	128u
+
+#define CVB_PENDING_INTENT	1u	/* a snapshot is about to be taken */
+#define CVB_PENDING_SECURED	2u	/* a snapshot was taken, see map */
+
+#define CVB_PENDING_KEY		0x1u	/* `key` is the one to present */
+#define CVB_PENDING_MAP		0x2u	/* `map`: blocks changed since the
+					 * parent's snapshot */
+#define CVB_PENDING_FLAGS_KNOWN	0x3u
+
+struct cvb_pending {
+	uint32_t state;		/* CVB_PENDING_INTENT or _SECURED */
+	uint32_t flags;		/* CVB_PENDING_* */
+	uint32_t kind;		/* CVB_KIND_* of the backup that wrote it */
+	uint32_t parent;	/* the complete backup it continues, 0: none */
+	uint64_t parent_id;
+	uint32_t major, minor;	/* the partition */
+	uint32_t block_size, block_count;
+	uint32_t marked;	/* blocks set in map */
+	unsigned char key[CVB_KEY_SIZE];
+	/* With CVB_PENDING_MAP: cvb_bitmap_bytes(block_count) bytes. */
+	const unsigned char *map;
+	unsigned char *raw;	/* the file as read (owns map), or NULL */
+};
+
+/* Bytes of the encoded record. */
+size_t cvb_pending_size(const struct cvb_pending *p);
+/* Encode into cvb_pending_size(p) bytes (checksum included). */
+void cvb_pending_encode(const struct cvb_pending *p, unsigned char *out);
+/*
+ * Decode and check a whole record file of `len` bytes: magic, version,
+ * size, checksum, and the consistency of its fields.  p->map points into
+ * `in`.  Returns 0, or fills `why` (one line) and returns -1.
+ */
+int cvb_pending_decode(const unsigned char *in, uint64_t len,
+		       struct cvb_pending *p, char *why, size_t whylen);
+
 /* Little-endian access to byte buffers. */
 void cvb_put32(unsigned char *p, uint32_t v);
 void cvb_put64(unsigned char *p, uint64_t v);

@@ -36,18 +36,26 @@ int cvb_path(const char *dir, const char *name, char *out, size_t len)
 	return n < 0 || (size_t)n >= len ? -1 : 0;
 }
 
-/* Whether the directory holds any file named like our image files. */
+/*
+ * Whether the directory holds any file named like our image files.  A
+ * temporary one ("backup-N.img.tmp") is not: a first backup killed while
+ * writing its image leaves one, and the next run removes it.
+ */
 static int has_images(const char *dir)
 {
 	DIR *d = opendir(dir);
 	struct dirent *de;
+	size_t n;
 	int found = 0;
 
 	if (d == NULL)
 		return 0;
-	while ((de = readdir(d)) != NULL)
-		if (strncmp(de->d_name, "backup-", 7) == 0)
+	while ((de = readdir(d)) != NULL) {
+		n = strlen(de->d_name);
+		if (strncmp(de->d_name, "backup-", 7) == 0 &&
+		    !(n > 4 && strcmp(de->d_name + n - 4, ".tmp") == 0))
 			found = 1;
+	}
 	closedir(d);
 	return found;
 }
@@ -124,8 +132,8 @@ int cvb_repo_load(const char *dir, int may_be_new, struct cvb_repo *repo,
 		return cvb_fail(err, CVB_E_CORRUPT, "%s: index size does not "
 				"match its entry count", path);
 	}
-	body = malloc((size_t)count * CVB_INDEX_ENTRY_SIZE + 1);
-	repo->entries = calloc((size_t)count + 1, sizeof(*repo->entries));
+	body = cvb_malloc((size_t)count * CVB_INDEX_ENTRY_SIZE + 1);
+	repo->entries = cvb_calloc((size_t)count + 1, sizeof(*repo->entries));
 	if (body == NULL || repo->entries == NULL) {
 		close(fd);
 		free(body);
@@ -189,13 +197,13 @@ int cvb_repo_append(struct cvb_repo *repo, const struct cvb_entry *e,
 	uint32_t count = repo->count + 1, i, crc;
 	size_t len = CVB_INDEX_HEAD_SIZE + (size_t)count *
 		     CVB_INDEX_ENTRY_SIZE;
-	unsigned char *buf = calloc(1, len);
+	unsigned char *buf = cvb_calloc(1, len);
 	struct cvb_entry *grown;
 	int r;
 
 	if (buf == NULL)
 		return cvb_fail(err, CVB_E_IO, "out of memory");
-	grown = realloc(repo->entries, (size_t)count * sizeof(*grown));
+	grown = cvb_realloc(repo->entries, (size_t)count * sizeof(*grown));
 	if (grown == NULL) {
 		free(buf);
 		return cvb_fail(err, CVB_E_IO, "out of memory");
@@ -221,6 +229,94 @@ int cvb_repo_append(struct cvb_repo *repo, const struct cvb_entry *e,
 	repo->entries[repo->count] = *e;
 	repo->count = count;
 	return 0;
+}
+
+/* --- the record of a backup that has not completed ------------------------ */
+
+void cvb_pending_free(struct cvb_pending *p)
+{
+	free(p->raw);
+	memset(p, 0, sizeof(*p));
+}
+
+int cvb_pending_load(const char *dir, struct cvb_pending *p, int *found,
+		     struct cvb_err *err)
+{
+	char path[1100], why[160];
+	unsigned char *raw;
+	uint64_t size;
+	int fd, r;
+
+	memset(p, 0, sizeof(*p));
+	*found = 0;
+	if (cvb_path(dir, CVB_PENDING_NAME, path, sizeof(path)) != 0)
+		return cvb_fail(err, CVB_E_ARG, "%s: path too long", dir);
+	fd = open(path, O_RDONLY);
+	if (fd < 0) {
+		if (errno == ENOENT || errno == ENOTDIR)
+			return 0;
+		return cvb_fail(err, CVB_E_IO, "%s: %s", path,
+				strerror(errno));
+	}
+	*found = 1;
+	r = cvb_file_size(fd, &size);
+	if (r != 0) {
+		close(fd);
+		return cvb_fail(err, CVB_E_IO, "%s: %s", path, strerror(r));
+	}
+	/*
+	 * The largest record maps 2^32 blocks; anything larger is damage,
+	 * not a reason to allocate that much.
+	 */
+	if (size > CVB_PENDING_HEAD_SIZE + (uint64_t)0x20000000u) {
+		close(fd);
+		return cvb_fail(err, CVB_E_CORRUPT, "it has trailing bytes "
+				"(%llu in all)", (unsigned long long)size);
+	}
+	raw = cvb_malloc((size_t)size + 1);
+	if (raw == NULL) {
+		close(fd);
+		return cvb_fail(err, CVB_E_IO, "out of memory");
+	}
+	r = cvb_read_at(fd, raw, (size_t)size, 0);
+	close(fd);
+	if (r != 0) {
+		free(raw);
+		return cvb_fail(err, CVB_E_IO, "%s: %s", path, strerror(r));
+	}
+	if (cvb_pending_decode(raw, size, p, why, sizeof(why)) != 0) {
+		free(raw);
+		memset(p, 0, sizeof(*p));
+		return cvb_fail(err, CVB_E_CORRUPT, "%s", why);
+	}
+	p->raw = raw;
+	return 0;
+}
+
+int cvb_pending_save(const char *dir, const struct cvb_pending *p,
+		     struct cvb_err *err)
+{
+	size_t len = cvb_pending_size(p);
+	unsigned char *buf = cvb_malloc(len);
+	int r;
+
+	if (buf == NULL)
+		return cvb_fail(err, CVB_E_IO, "out of memory");
+	cvb_pending_encode(p, buf);
+	r = cvb_replace_file(dir, CVB_PENDING_NAME, buf, len, err);
+	free(buf);
+	return r;
+}
+
+int cvb_pending_remove(const char *dir)
+{
+	char path[1100];
+
+	if (cvb_path(dir, CVB_PENDING_NAME, path, sizeof(path)) != 0)
+		return ENAMETOOLONG;
+	if (unlink(path) != 0)
+		return errno == ENOENT ? 0 : errno;
+	return cvb_fsync_dir(dir);
 }
 
 /* --- image files ---------------------------------------------------------- */
@@ -286,11 +382,11 @@ int cvb_image_open(const struct cvb_repo *repo, uint32_t number,
 	}
 	bm = cvb_bitmap_bytes(im->h.block_count);
 	nsums = (im->h.present_count + CVB_RUN_BLOCKS - 1) / CVB_RUN_BLOCKS;
-	im->present = malloc(bm);
-	im->unreadable = malloc(bm);
-	im->sums = malloc((size_t)nsums * 4 + 4);
-	raw = malloc((size_t)nsums * 4 + 4);
-	im->io = malloc((size_t)im->h.block_size * CVB_RUN_BLOCKS);
+	im->present = cvb_malloc(bm);
+	im->unreadable = cvb_malloc(bm);
+	im->sums = cvb_malloc((size_t)nsums * 4 + 4);
+	raw = cvb_malloc((size_t)nsums * 4 + 4);
+	im->io = cvb_malloc((size_t)im->h.block_size * CVB_RUN_BLOCKS);
 	if (im->present == NULL || im->unreadable == NULL ||
 	    im->sums == NULL || raw == NULL || im->io == NULL) {
 		free(raw);

@@ -112,8 +112,8 @@ int cvb_restore_fd(const struct cvb_repo *repo,
 	if (repo->count == 0)
 		return cvb_fail(err, CVB_E_ARG, "the repository has no "
 				"backups");
-	chain = calloc(repo->count, sizeof(*chain));
-	im = calloc(repo->count, sizeof(*im));
+	chain = cvb_calloc(repo->count, sizeof(*chain));
+	im = cvb_calloc(repo->count, sizeof(*im));
 	if (chain == NULL || im == NULL) {
 		free(chain);
 		free(im);
@@ -128,7 +128,7 @@ int cvb_restore_fd(const struct cvb_repo *repo,
 		out.fd = fd;
 		out.bs = im[0].h.block_size;
 		out.cap = CVB_RUN_BLOCKS;
-		out.buf = malloc((size_t)out.bs * out.cap);
+		out.buf = cvb_malloc((size_t)out.bs * out.cap);
 		if (out.buf == NULL)
 			r = cvb_fail(err, CVB_E_IO, "out of memory");
 		res->number = number;
@@ -217,7 +217,7 @@ int cvb_verify(const struct cvb_repo *repo, struct cvb_verify_item **items,
 	char name[64];
 	unsigned long num;
 
-	v = calloc((size_t)repo->count + 1, sizeof(*v));
+	v = cvb_calloc((size_t)repo->count + 1, sizeof(*v));
 	if (v == NULL)
 		return cvb_fail(err, CVB_E_IO, "out of memory");
 	for (i = 0; i < repo->count; i++) {
@@ -256,7 +256,8 @@ int cvb_verify(const struct cvb_repo *repo, struct cvb_verify_item **items,
 	while ((de = readdir(d)) != NULL) {
 		if (strcmp(de->d_name, ".") == 0 ||
 		    strcmp(de->d_name, "..") == 0 ||
-		    strcmp(de->d_name, CVB_INDEX_NAME) == 0)
+		    strcmp(de->d_name, CVB_INDEX_NAME) == 0 ||
+		    strcmp(de->d_name, CVB_PENDING_NAME) == 0)
 			continue;
 		if (sscanf(de->d_name, "backup-%lu.img", &num) == 1 &&
 		    num >= 1 && num <= repo->count) {

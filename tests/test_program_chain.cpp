@@ -482,8 +482,11 @@ TEST(Chain, ASizeChangeMakesAFullBackup)
 }
 
 // Stopped after its snapshot, an incremental has used up the key the
-// repository holds: the next run learns it from the driver and is full.
-TEST(Chain, AnIncrementalStoppedAfterItsSnapshotMakesTheNextBackupFull)
+// repository holds and taken the change map: its record has both, and
+// the next run continues it, reading the blocks changed before the
+// stopped snapshot and after it.  Stopped between the snapshot and that
+// record, the next run is full and says so.
+TEST(Chain, AnIncrementalStoppedAfterItsSnapshotIsContinuedByTheNextBackup)
 {
 	ScratchDir d;
 	const std::string repo = d / "r";
@@ -492,20 +495,40 @@ TEST(Chain, AnIncrementalStoppedAfterItsSnapshotMakesTheNextBackupFull)
 	m.write(5, 5);
 	Outcome stopped = backup(m, repo, CVB_STAGE_READING);
 	EXPECT_EQ(stopped.rc, CVB_E_INTERRUPTED);
+	EXPECT_STREQ(stopped.err.msg, "backup interrupted while reading; the "
+				      "repository is unchanged (the next "
+				      "backup continues this one)");
 	m.write(6, 6);
 	Outcome r = backup(m, repo);
 	ASSERT_EQ(r.rc, 0) << r.err.msg;
 	EXPECT_EQ(r.res.number, 2u);
-	EXPECT_EQ(r.res.incremental, 0);
-	EXPECT_STREQ(r.res.why_full, "key mismatch (the partition's last "
-				     "backup is not this repository's last "
-				     "one)");
+	EXPECT_EQ(r.res.incremental, 1) << r.res.why_full;
+	EXPECT_EQ(r.res.continued, 1);
+	EXPECT_EQ(r.res.continued_blocks, 1u);
+	EXPECT_EQ(r.res.blocks_read, 2u);
 	expect_restores(repo, 2, m.image(), d);
+
+	m.write(7, 7);
+	Outcome window = backup(m, repo, CVB_STAGE_SNAPSHOT);
+	EXPECT_EQ(window.rc, CVB_E_INTERRUPTED);
+	EXPECT_STREQ(window.err.msg, "backup interrupted after SNAPSHOT; the "
+				     "repository is unchanged (its change map "
+				     "was not secured: the next backup is "
+				     "full)");
+	Outcome full = backup(m, repo);
+	ASSERT_EQ(full.rc, 0) << full.err.msg;
+	EXPECT_EQ(full.res.incremental, 0);
+	EXPECT_STREQ(full.res.why_full, "the previous backup was interrupted "
+					"between its snapshot and securing "
+					"the change map");
+	expect_restores(repo, 3, m.image(), d);
 }
 
 // SIGINT and SIGTERM set the stop flag: the backup ends at the next run,
-// removes its temporary file and leaves the repository as it was.
-TEST(Chain, AStopRequestEndsTheBackupAndLeavesNoTrace)
+// removes its temporary file and leaves the repository's backups as they
+// were; only the record says that a full backup stopped after its
+// snapshot.
+TEST(Chain, AStopRequestEndsTheBackupAndLeavesOnlyItsRecord)
 {
 	ScratchDir d;
 	const std::string repo = d / "r";
@@ -538,6 +561,18 @@ TEST(Chain, AStopRequestEndsTheBackupAndLeavesNoTrace)
 		names.push_back(f.path().filename().string());
 	std::sort(names.begin(), names.end());
 	EXPECT_EQ(names, (std::vector<std::string>{"backup-000001.img",
+						   "index", "pending"}));
+	Outcome next = backup(m, repo);
+	ASSERT_EQ(next.rc, 0) << next.err.msg;
+	EXPECT_EQ(next.res.incremental, 0);
+	EXPECT_STREQ(next.res.why_full, "the previous backup, a full one, was "
+					"interrupted after its snapshot");
+	names.clear();
+	for (const auto &f : std::filesystem::directory_iterator(repo))
+		names.push_back(f.path().filename().string());
+	std::sort(names.begin(), names.end());
+	EXPECT_EQ(names, (std::vector<std::string>{"backup-000001.img",
+						   "backup-000002.img",
 						   "index"}));
 }
 

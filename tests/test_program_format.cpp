@@ -1,8 +1,10 @@
-// The repository format: CRC-32C's standard vectors, the header's fixed
-// little-endian layout, and a seeded fuzz test of the readers: damaged,
+// The repository format: CRC-32C's standard vectors, the fixed
+// little-endian layouts of the image header and of the record of an
+// interrupted backup, and seeded fuzz tests of the readers: damaged,
 // truncated, swapped, missing and foreign files give a clear error (never
 // a crash, never wrong data), and backups the damage does not touch stay
-// restorable.  CORVALIN_SEED=<seed> replays one seed in every case.
+// restorable; a damaged record is always refused.  CORVALIN_SEED=<seed>
+// replays one seed in every case.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -105,6 +107,147 @@ TEST(RepoFormat, HeaderFieldsAreLittleEndianAtFixedOffsets)
 		  -1);
 	EXPECT_STREQ(why, "inconsistent layout");
 }
+
+// An incremental's SECURED record of a partition of 100003 blocks, 17 of
+// them changed.
+struct SampleRecord {
+	cvb_pending p{};
+	std::vector<unsigned char> map;
+	SampleRecord()
+	{
+		p.state = CVB_PENDING_SECURED;
+		p.flags = CVB_PENDING_KEY | CVB_PENDING_MAP;
+		p.kind = CVB_KIND_INCREMENTAL;
+		p.parent = 5;
+		p.parent_id = 0x2122232425262728ull;
+		p.major = 8;
+		p.minor = 17;
+		p.block_size = 4096;
+		p.block_count = 100003;
+		for (unsigned i = 0; i < CVB_KEY_SIZE; i++)
+			p.key[i] = static_cast<unsigned char>(i * 5 + 1);
+		map.assign(cvb_bitmap_bytes(p.block_count), 0);
+		for (unsigned i = 0; i < 17; i++)
+			cvb_set_bit(map.data(), i * 5881);
+		p.map = map.data();
+		p.marked = 17;
+	}
+	std::vector<unsigned char> encode() const
+	{
+		std::vector<unsigned char> b(cvb_pending_size(&p));
+		cvb_pending_encode(&p, b.data());
+		return b;
+	}
+};
+
+TEST(RepoFormat, PendingRecordFieldsAreLittleEndianAtFixedOffsets)
+{
+	SampleRecord s;
+	std::vector<unsigned char> b = s.encode();
+	ASSERT_EQ(b.size(), 128u + 12501u);
+	EXPECT_EQ(std::memcmp(b.data(), "CVLNPND\0", 8), 0);
+	EXPECT_EQ(b[8], 1);                       // version
+	EXPECT_EQ(b[12], 128);                    // header size
+	EXPECT_EQ(b[16], 2);                      // SECURED
+	EXPECT_EQ(b[20], 3);                      // key and map
+	EXPECT_EQ(b[24], 2);                      // incremental
+	EXPECT_EQ(b[28], 5);                      // parent
+	EXPECT_EQ(b[32], 0x28); EXPECT_EQ(b[39], 0x21);  // parent's id
+	EXPECT_EQ(b[44], 17);                     // minor
+	EXPECT_EQ(b[52], 0xA3); EXPECT_EQ(b[54], 0x01);  // 100003 blocks
+	EXPECT_EQ(b[56], 17);                     // blocks marked
+	EXPECT_EQ(b[60], 0xD5); EXPECT_EQ(b[61], 0x30);  // 12501 map bytes
+	EXPECT_EQ(b[64 + 55], (55 * 5 + 1) % 256);  // key's last byte
+	EXPECT_EQ(b[128 + 5881 / 8], 1u << (5881 % 8));
+	EXPECT_EQ(cvb_get32(b.data() + 124),
+		  cvb_crc32c(cvb_crc32c(0, b.data(), 124), b.data() + 128,
+			     12501));
+
+	cvb_pending back{};
+	char why[160] = "";
+	ASSERT_EQ(cvb_pending_decode(b.data(), b.size(), &back, why,
+				     sizeof(why)),
+		  0) << why;
+	EXPECT_EQ(back.map, b.data() + 128);
+	back.map = s.p.map;
+	EXPECT_EQ(std::memcmp(&back, &s.p, sizeof(back)), 0);
+	// A record without a map: its header alone.
+	SampleRecord full;
+	full.p.kind = CVB_KIND_FULL;
+	full.p.flags = 0;
+	full.p.parent = 0;
+	full.p.parent_id = 0;
+	full.p.marked = 0;
+	std::memset(full.p.key, 0, sizeof(full.p.key));
+	b = full.encode();
+	ASSERT_EQ(b.size(), 128u);
+	ASSERT_EQ(cvb_pending_decode(b.data(), b.size(), &back, why,
+				     sizeof(why)),
+		  0) << why;
+	EXPECT_EQ(back.map, nullptr);
+	// Fields that do not hang together, checksum or not.
+	full.p.parent = 3;
+	b = full.encode();
+	EXPECT_EQ(cvb_pending_decode(b.data(), b.size(), &back, why,
+				     sizeof(why)),
+		  -1);
+	EXPECT_STREQ(why, "it is inconsistent (inconsistent parent)");
+	SampleRecord beyond;
+	beyond.map.back() |= 0x80;  // block 100007 of 100003
+	beyond.p.marked = 18;
+	b = beyond.encode();
+	EXPECT_EQ(cvb_pending_decode(b.data(), b.size(), &back, why,
+				     sizeof(why)),
+		  -1);
+	EXPECT_STREQ(why, "it is inconsistent (map does not match its block "
+			  "count)");
+}
+
+class PendingRecordFuzz : public ::testing::TestWithParam<unsigned> {};
+
+std::vector<std::uint64_t> seeds(std::uint64_t first, unsigned n);
+
+// Any change to a record's bytes (a CRC-32C over all of them), any other
+// length, random bytes: refused with a reason, never read past its end.
+TEST_P(PendingRecordFuzz, DamagedRecordsAreRefusedWithAReason)
+{
+	const std::vector<unsigned char> good = SampleRecord().encode();
+	for (std::uint64_t seed : seeds(GetParam() * 500, 500)) {
+		SCOPED_TRACE("seed " + std::to_string(seed));
+		std::mt19937_64 r(seed);
+		std::vector<unsigned char> b = good;
+		switch (r() % 4) {
+		case 0: {
+			const std::size_t n = 1 + r() % 4;
+			const std::size_t at = r() % (b.size() - n);
+			for (std::size_t i = 0; i < n; i++)
+				b[at + i] ^= static_cast<unsigned char>(
+					1 + r() % 255);
+			break;
+		}
+		case 1:
+			b.resize(r() % b.size());
+			break;
+		case 2:
+			b.resize(b.size() + 1 + r() % 64);
+			break;
+		default:
+			for (auto &c : b)
+				c = static_cast<unsigned char>(r());
+			b.resize(r() % (b.size() + 1));
+		}
+		// Exactly as long as the data: a reader must not look past.
+		std::vector<unsigned char> exact(b.begin(), b.end());
+		cvb_pending p{};
+		char why[160] = "";
+		EXPECT_EQ(cvb_pending_decode(exact.data(), exact.size(), &p,
+					     why, sizeof(why)),
+			  -1);
+		EXPECT_NE(std::strlen(why), 0u);
+	}
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, PendingRecordFuzz, ::testing::Range(0u, 2u));
 
 // A repository of three backups (full, incremental, full), made once per
 // process.

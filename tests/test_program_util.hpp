@@ -1,6 +1,7 @@
 // Helpers of the backup program's suites (test_program_*): a scratch
-// directory, whole files, and a backup run against the emulated machine
-// that records the partition at its frozen instant.
+// directory, whole files, a backup run against the emulated machine that
+// records the partition at its frozen instant, the command line, and a
+// transport that rewrites the driver's answers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -68,7 +70,8 @@ inline void write_file(const std::string &path,
 // recorded as `frozen` (nothing is dirty then, so the freeze adds
 // nothing); from the snapshot on the writer runs while the backup reads.
 // `stop_at`/`how`: the stage hook's answer at that stage (interruption
-// tests).  `tp`: the transport (default: the machine's own).
+// tests).  `tp`: the transport (default: the machine's own).  `at_stage`:
+// called at every stage first (before the partition is recorded).
 struct BackupRun {
 	explicit BackupRun(corvalin::tool::EmuWorld &w, int partno = 1)
 		: world(w), minor(partno) {}
@@ -80,6 +83,7 @@ struct BackupRun {
 	int stop_at = 0, how = 0;
 	bool force_full = false, used_blocks = true;
 	std::vector<int> stages;
+	std::function<void(int stage)> at_stage;
 	cvb_backup_result res{};
 	cvb_err err{};
 
@@ -87,6 +91,8 @@ struct BackupRun {
 	{
 		auto *r = static_cast<BackupRun *>(ctx);
 		r->stages.push_back(stage);
+		if (r->at_stage)
+			r->at_stage(stage);
 		if (stage == CVB_STAGE_STARTED) {
 			r->world.pause_writer();
 			r->frozen = r->world.partition(r->minor);
@@ -197,6 +203,84 @@ struct Cli {
 		std::free(eb);
 		return r;
 	}
+};
+
+// A transport passing every call to another one; `after` sees each
+// command's code, argument and result once the driver answered, and
+// returns the result the program gets (it may rewrite the answer in the
+// process's memory first).
+class Rewriter {
+public:
+	explicit Rewriter(const cv_transport *inner) : inner_(inner) {}
+
+	std::function<long(std::uint32_t code, cv_uaddr arg, long r)> after;
+	const cv_transport *get() { return &tp_; }
+
+	template <class T> T read(cv_uaddr a)
+	{
+		T v{};
+		EXPECT_EQ(inner_->ops->mem_read(inner_->ctx, a, &v, sizeof(v)),
+			  0);
+		return v;
+	}
+	template <class T> void write(cv_uaddr a, const T &v)
+	{
+		EXPECT_EQ(inner_->ops->mem_write(inner_->ctx, a, &v, sizeof(v)),
+			  0);
+	}
+
+private:
+	static Rewriter &self(void *ctx) { return *static_cast<Rewriter *>(ctx); }
+	static const cv_transport &in(void *ctx) { return *self(ctx).inner_; }
+
+	static int op_open(void *ctx, const char *path)
+	{
+		return in(ctx).ops->open(in(ctx).ctx, path);
+	}
+	static int op_close(void *ctx, int fd)
+	{
+		return in(ctx).ops->close(in(ctx).ctx, fd);
+	}
+	static long op_ioctl(void *ctx, int fd, std::uint32_t code,
+			     cv_uaddr arg)
+	{
+		const long r = in(ctx).ops->ioctl(in(ctx).ctx, fd, code, arg);
+		return self(ctx).after ? self(ctx).after(code, arg, r) : r;
+	}
+	static std::int64_t op_mmap(void *ctx, int fd, std::uint32_t len,
+				    int prot, int flags, std::uint32_t pgoff)
+	{
+		return in(ctx).ops->mmap(in(ctx).ctx, fd, len, prot, flags,
+					 pgoff);
+	}
+	static int op_munmap(void *ctx, cv_uaddr a, std::uint32_t len)
+	{
+		return in(ctx).ops->munmap(in(ctx).ctx, a, len);
+	}
+	static int op_alloc(void *ctx, std::uint32_t len, cv_uaddr *a)
+	{
+		return in(ctx).ops->mem_alloc(in(ctx).ctx, len, a);
+	}
+	static int op_free(void *ctx, cv_uaddr a, std::uint32_t len)
+	{
+		return in(ctx).ops->mem_free(in(ctx).ctx, a, len);
+	}
+	static int op_read(void *ctx, cv_uaddr a, void *dst, std::uint32_t len)
+	{
+		return in(ctx).ops->mem_read(in(ctx).ctx, a, dst, len);
+	}
+	static int op_write(void *ctx, cv_uaddr a, const void *src,
+			    std::uint32_t len)
+	{
+		return in(ctx).ops->mem_write(in(ctx).ctx, a, src, len);
+	}
+
+	static constexpr cv_transport_ops ops_ = {
+		op_open, op_close, op_ioctl, op_mmap, op_munmap,
+		op_alloc, op_free, op_read, op_write};
+
+	const cv_transport *inner_;
+	cv_transport tp_{&ops_, this, "rewriter"};
 };
 
 // Rewrites `count` file blocks of partition `partno` (the highest ones)
